@@ -1,0 +1,243 @@
+#include "common/dispatch.h"
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
+
+#include <algorithm>
+#include <thread>
+
+namespace quorvi {
+
+namespace {
+
+std::size_t poolSize() {
+  // Several requests may block on tools (ps, lsof, a task) at once; keep a few
+  // threads beyond the core count so that quick work still finds a thread.
+  return std::max<std::size_t>(6, 2 * std::thread::hardware_concurrency());
+}
+
+// Process-wide executors; never destroyed, so that work still running at exit
+// never meets a destroyed pool.
+asio::thread_pool& pool() {
+  static auto* p = new asio::thread_pool(poolSize());
+  return *p;
+}
+
+struct MainLoop {
+  asio::io_context context;
+  asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
+  std::atomic<std::thread::id> runner{};
+};
+
+MainLoop& mainLoop() {
+  static auto* loop = new MainLoop();
+  return *loop;
+}
+
+}  // namespace
+
+WorkItem::WorkItem(std::function<void()> body) : body_(std::move(body)) {}
+
+void WorkItem::perform() {
+  if (isCancelled() || !body_) return;
+  body_();
+}
+
+struct DispatchQueue::Impl {
+  asio::any_io_executor executor;
+  // Set for serial queues only.
+  std::unique_ptr<asio::strand<asio::thread_pool::executor_type>> strand;
+};
+
+DispatchQueue::DispatchQueue(std::string label, Kind kind, std::unique_ptr<Impl> impl)
+    : label_(std::move(label)), kind_(kind), impl_(std::move(impl)) {}
+
+DispatchQueue::~DispatchQueue() = default;
+
+DispatchQueue& DispatchQueue::main() {
+  static auto* queue = [] {
+    auto impl = std::make_unique<Impl>();
+    impl->executor = mainLoop().context.get_executor();
+    return new DispatchQueue("com.apple.main-thread", Kind::main, std::move(impl));
+  }();
+  return *queue;
+}
+
+DispatchQueue& DispatchQueue::global() {
+  static auto* queue = [] {
+    auto impl = std::make_unique<Impl>();
+    impl->executor = pool().get_executor();
+    return new DispatchQueue("com.quorvi.global.userInitiated", Kind::concurrent, std::move(impl));
+  }();
+  return *queue;
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::makeSerial(std::string label) {
+  auto impl = std::make_unique<Impl>();
+  impl->strand = std::make_unique<asio::strand<asio::thread_pool::executor_type>>(
+      asio::make_strand(pool().get_executor()));
+  impl->executor = *impl->strand;
+  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::serial, std::move(impl)));
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::makeConcurrent(std::string label) {
+  auto impl = std::make_unique<Impl>();
+  impl->executor = pool().get_executor();
+  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::concurrent, std::move(impl)));
+}
+
+void DispatchQueue::runMain() {
+  auto& loop = mainLoop();
+  loop.runner = std::this_thread::get_id();
+  loop.context.restart();
+  loop.context.run();
+  loop.runner = std::thread::id{};
+}
+
+void DispatchQueue::stopMain() { mainLoop().context.stop(); }
+
+std::size_t DispatchQueue::globalThreadCount() { return poolSize(); }
+
+void DispatchQueue::async(std::function<void()> work) { asio::post(impl_->executor, std::move(work)); }
+
+void DispatchQueue::async(WorkItemRef item) {
+  asio::post(impl_->executor, [item = std::move(item)] { item->perform(); });
+}
+
+void DispatchQueue::asyncAfter(Seconds delay, WorkItemRef item) {
+  if (delay <= Seconds::zero()) {
+    async(std::move(item));
+    return;
+  }
+  auto timer = std::make_shared<asio::steady_timer>(
+      impl_->executor, std::chrono::duration_cast<asio::steady_timer::duration>(delay));
+  timer->async_wait([timer, item = std::move(item)](const std::error_code& error) {
+    if (!error) item->perform();
+  });
+}
+
+WorkItemRef DispatchQueue::asyncAfter(Seconds delay, std::function<void()> work) {
+  auto item = std::make_shared<WorkItem>(std::move(work));
+  asyncAfter(delay, item);
+  return item;
+}
+
+bool DispatchQueue::isCurrent() const {
+  switch (kind_) {
+    case Kind::main:
+      return mainLoop().runner.load() == std::this_thread::get_id();
+    case Kind::serial:
+      return impl_->strand->running_in_this_thread();
+    case Kind::concurrent:
+      return pool().get_executor().running_in_this_thread();
+  }
+  return false;
+}
+
+void DispatchQueue::sync(const std::function<void()>& work) {
+  if (isCurrent()) {
+    work();
+    return;
+  }
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  asio::post(impl_->executor, [&] {
+    work();
+    std::lock_guard lock(mutex);
+    finished = true;
+    done.notify_one();
+  });
+  std::unique_lock lock(mutex);
+  done.wait(lock, [&] { return finished; });
+}
+
+void DispatchGroup::enter() {
+  std::lock_guard lock(mutex_);
+  ++count_;
+}
+
+void DispatchGroup::leave() {
+  std::vector<std::pair<DispatchQueue*, std::function<void()>>> ready;
+  {
+    std::lock_guard lock(mutex_);
+    if (count_ > 0) --count_;
+    if (count_ != 0) return;
+    ready.swap(notifications_);
+  }
+  zero_.notify_all();
+  for (auto& [queue, work] : ready) queue->async(std::move(work));
+}
+
+bool DispatchGroup::wait(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  if (timeout == std::chrono::milliseconds::max()) {
+    zero_.wait(lock, [&] { return count_ == 0; });
+    return true;
+  }
+  return zero_.wait_for(lock, timeout, [&] { return count_ == 0; });
+}
+
+void DispatchGroup::notify(DispatchQueue& queue, std::function<void()> work) {
+  {
+    std::lock_guard lock(mutex_);
+    if (count_ != 0) {
+      notifications_.emplace_back(&queue, std::move(work));
+      return;
+    }
+  }
+  queue.async(std::move(work));
+}
+
+void DispatchGroup::async(DispatchQueue& queue, std::function<void()> work) {
+  enter();
+  queue.async([this, work = std::move(work)] {
+    work();
+    leave();
+  });
+}
+
+void concurrentPerform(std::size_t iterations, const std::function<void(std::size_t)>& body) {
+  if (iterations == 0) return;
+  struct Shared {
+    std::atomic<std::size_t> next{0};
+    std::mutex mutex;
+    std::condition_variable idle;
+    std::size_t activeHelpers = 0;
+    bool closed = false;  // set once the caller has drained; late helpers do nothing
+    const std::function<void(std::size_t)>* body = nullptr;
+    std::size_t iterations = 0;
+    void drain() {
+      for (std::size_t i; (i = next.fetch_add(1)) < iterations;) (*body)(i);
+    }
+  };
+  auto shared = std::make_shared<Shared>();
+  shared->body = &body;
+  shared->iterations = iterations;
+  // Helpers pull indices beside the caller. A helper that starts only after the
+  // caller finished (the pool was busy) returns at once, so calling this from a
+  // pool thread never deadlocks.
+  const std::size_t helpers = std::min(iterations, DispatchQueue::globalThreadCount()) - 1;
+  for (std::size_t h = 0; h < helpers; ++h) {
+    asio::post(pool(), [shared] {
+      {
+        std::lock_guard lock(shared->mutex);
+        if (shared->closed) return;
+        ++shared->activeHelpers;
+      }
+      shared->drain();
+      std::lock_guard lock(shared->mutex);
+      if (--shared->activeHelpers == 0) shared->idle.notify_all();
+    });
+  }
+  shared->drain();
+  std::unique_lock lock(shared->mutex);
+  shared->closed = true;
+  shared->idle.wait(lock, [&] { return shared->activeHelpers == 0; });
+}
+
+}  // namespace quorvi

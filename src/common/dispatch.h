@@ -1,0 +1,105 @@
+// The dispatch layer: labelled serial queues, one global concurrent pool, a
+// main queue served by the main thread, delayed cancellable work items, groups
+// and a parallel-for. Everything runs on Asio executors; nothing here spawns
+// threads of its own beyond the one global pool.
+//
+// Rules of use:
+//  - work posted to one serial queue runs one item at a time, in order;
+//  - the main queue runs only while some thread calls DispatchQueue::runMain();
+//  - sync() on the queue you are already running on runs the work inline.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace quorvi {
+
+// A unit of work that can be cancelled until it starts.
+class WorkItem {
+ public:
+  explicit WorkItem(std::function<void()> body = {});
+  void cancel() { cancelled_.store(true, std::memory_order_release); }
+  bool isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
+  // Runs the body unless the item was cancelled before.
+  void perform();
+
+ private:
+  std::atomic<bool> cancelled_{false};
+  std::function<void()> body_;
+};
+using WorkItemRef = std::shared_ptr<WorkItem>;
+
+class DispatchQueue {
+ public:
+  enum class Kind { serial, concurrent, main };
+  using Seconds = std::chrono::duration<double>;
+
+  // The main queue: work runs on the thread that calls runMain().
+  static DispatchQueue& main();
+  // The global concurrent queue of quality of service "userInitiated".
+  static DispatchQueue& global();
+  static std::shared_ptr<DispatchQueue> makeSerial(std::string label);
+  static std::shared_ptr<DispatchQueue> makeConcurrent(std::string label);
+
+  // Serves the main queue on the calling thread until stopMain().
+  static void runMain();
+  static void stopMain();
+  // Number of threads in the global pool.
+  static std::size_t globalThreadCount();
+
+  ~DispatchQueue();
+  DispatchQueue(const DispatchQueue&) = delete;
+  DispatchQueue& operator=(const DispatchQueue&) = delete;
+
+  const std::string& label() const { return label_; }
+  Kind kind() const { return kind_; }
+
+  void async(std::function<void()> work);
+  void async(WorkItemRef item);
+  // Runs the item on this queue once the delay has passed, unless cancelled.
+  void asyncAfter(Seconds delay, WorkItemRef item);
+  WorkItemRef asyncAfter(Seconds delay, std::function<void()> work);
+  // Runs the work on this queue and waits for it.
+  void sync(const std::function<void()>& work);
+  // True when the calling thread is running work of this queue.
+  bool isCurrent() const;
+
+ private:
+  struct Impl;
+  DispatchQueue(std::string label, Kind kind, std::unique_ptr<Impl> impl);
+  std::string label_;
+  Kind kind_;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Counts outstanding work; waiters and notifications run when it drops to 0.
+class DispatchGroup {
+ public:
+  void enter();
+  void leave();
+  // Waits until the count is 0; false when the timeout passed first.
+  bool wait(std::chrono::milliseconds timeout = std::chrono::milliseconds::max());
+  // Runs work on the queue once the count is 0 (at once if it already is).
+  void notify(DispatchQueue& queue, std::function<void()> work);
+  // Runs work on the queue inside enter()/leave().
+  void async(DispatchQueue& queue, std::function<void()> work);
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable zero_;
+  long count_ = 0;
+  std::vector<std::pair<DispatchQueue*, std::function<void()>>> notifications_;
+};
+
+// Calls body(i) for i in [0, iterations) on the global pool and the calling
+// thread, and returns when every call has returned.
+void concurrentPerform(std::size_t iterations, const std::function<void(std::size_t)>& body);
+
+}  // namespace quorvi

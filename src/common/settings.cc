@@ -1,0 +1,58 @@
+#include "common/settings.h"
+
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+#include "platform/atomic_file.h"
+#include "platform/paths.h"
+
+namespace quorvi {
+
+Settings& Settings::shared() {
+  static auto* settings = new Settings(defaultPath());
+  return *settings;
+}
+
+Settings::Settings(std::string path) : path_(std::move(path)) {}
+
+std::string Settings::defaultPath() { return xdgConfigHome() + "/quorvi/settings.json"; }
+
+Json Settings::load() const {
+  std::ifstream in(path_, std::ios::binary);
+  if (!in) return Json::object();
+  std::stringstream text;
+  text << in.rdbuf();
+  Json json = Json::parse(text.str(), nullptr, /*allow_exceptions=*/false);
+  // A damaged file reads as empty settings; it is never a reason to fail.
+  return json.is_object() ? json : Json::object();
+}
+
+std::optional<Json> Settings::value(const std::string& key) const {
+  std::lock_guard guard(unfairlock);
+  Json json = load();
+  auto it = json.find(key);
+  if (it == json.end()) return std::nullopt;
+  return *it;
+}
+
+std::optional<std::string> Settings::stringValue(const std::string& key) const {
+  auto v = value(key);
+  if (!v || !v->is_string()) return std::nullopt;
+  return v->get<std::string>();
+}
+
+std::optional<bool> Settings::boolValue(const std::string& key) const {
+  auto v = value(key);
+  if (!v || !v->is_boolean()) return std::nullopt;
+  return v->get<bool>();
+}
+
+bool Settings::set(const std::string& key, const Json& newValue) {
+  std::lock_guard guard(unfairlock);
+  Json json = load();
+  json[key] = newValue;
+  return makeParentDirectories(path_) && writeFileAtomically(path_, json.dump(2) + "\n");
+}
+
+}  // namespace quorvi
