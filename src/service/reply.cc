@@ -1,0 +1,35 @@
+#include "service/reply.h"
+
+namespace quorvi {
+
+Reply::Reply(Sink sink, bool expectsReply) : state_(std::make_shared<State>()) {
+  state_->sink = std::move(sink);
+  state_->expectsReply = expectsReply;
+}
+
+void Reply::send(std::vector<ReplyValue> values) const {
+  if (!state_ || state_->sent.exchange(true)) return;
+  if (state_->expectsReply && state_->sink) state_->sink(std::move(values));
+}
+
+void Reply::sendData(OptionalBytes data) const { send({std::move(data)}); }
+
+void Reply::sendJson(const Json& document) const { sendData(encodeJson(document)); }
+
+void Reply::sendFlag(bool flag) const { send({flag}); }
+
+void Reply::sendDataAndString(OptionalBytes data, OptionalString text) const {
+  send({std::move(data), std::move(text)});
+}
+
+void Reply::sendStringAndData(OptionalString text, OptionalBytes data) const {
+  send({std::move(text), std::move(data)});
+}
+
+void Reply::sendStringDataAndInteger(OptionalString text, OptionalBytes data, int64_t number) const {
+  send({std::move(text), std::move(data), number});
+}
+
+void Reply::sendEmpty() const { send({}); }
+
+}  // namespace quorvi

@@ -1,0 +1,63 @@
+// Reply: the answer to one request, independent of the transport. It may be
+// moved to and sent from any thread, later; it answers at most once (later
+// sends are ignored). A Reply dropped without a send leaves the request
+// unanswered: the client then sees its own timeout, which is what the two
+// "never answer" operations want.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "common/json.h"
+
+namespace quorvi {
+
+using OptionalString = std::optional<std::string>;
+// One value of a reply, in the order of the member's out signature.
+// Optional values travel as (flag, value): "b ay" for bytes, "b s" for text.
+using ReplyValue = std::variant<bool, int64_t, OptionalBytes, OptionalString>;
+
+class Reply {
+ public:
+  using Sink = std::function<void(std::vector<ReplyValue>)>;
+
+  Reply() = default;  // a reply nobody waits for
+  explicit Reply(Sink sink, bool expectsReply = true);
+
+  // "b ay": JSON bytes or other data, nil when nullopt.
+  void sendData(OptionalBytes data) const;
+  // "b ay" from a JSON document; nil when it cannot be encoded.
+  void sendJson(const Json& document) const;
+  // "b"
+  void sendFlag(bool flag) const;
+  // "b ay b s": data with a text beside it (an echo or an error text).
+  void sendDataAndString(OptionalBytes data, OptionalString text) const;
+  // "b s b ay"
+  void sendStringAndData(OptionalString text, OptionalBytes data) const;
+  // "b s b ay x"
+  void sendStringDataAndInteger(OptionalString text, OptionalBytes data, int64_t number) const;
+  // An empty method return (members without reply values).
+  void sendEmpty() const;
+  // Any values; the transport checks them against the member's signature.
+  void send(std::vector<ReplyValue> values) const;
+
+  // False when the caller said it expects no reply (sending is then a no-op).
+  bool expectsReply() const { return state_ && state_->expectsReply; }
+  bool wasSent() const { return state_ && state_->sent.load(); }
+
+ private:
+  struct State {
+    Sink sink;
+    bool expectsReply = true;
+    std::atomic<bool> sent{false};
+  };
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace quorvi
