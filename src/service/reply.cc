@@ -12,22 +12,23 @@ void Reply::send(std::vector<ReplyValue> values) const {
   if (state_->expectsReply && state_->sink) state_->sink(std::move(values));
 }
 
-void Reply::sendData(OptionalBytes data) const { send({std::move(data)}); }
+void Reply::sendData(OptionalBytes data) const { send({ReplyValue::ofBytes(std::move(data))}); }
 
 void Reply::sendJson(const Json& document) const { sendData(encodeJson(document)); }
 
-void Reply::sendFlag(bool flag) const { send({flag}); }
+void Reply::sendFlag(bool flag) const { send({ReplyValue::ofFlag(flag)}); }
 
 void Reply::sendDataAndString(OptionalBytes data, OptionalString text) const {
-  send({std::move(data), std::move(text)});
+  send({ReplyValue::ofBytes(std::move(data)), ReplyValue::ofString(std::move(text))});
 }
 
 void Reply::sendStringAndData(OptionalString text, OptionalBytes data) const {
-  send({std::move(text), std::move(data)});
+  send({ReplyValue::ofString(std::move(text)), ReplyValue::ofBytes(std::move(data))});
 }
 
 void Reply::sendStringDataAndInteger(OptionalString text, OptionalBytes data, int64_t number) const {
-  send({std::move(text), std::move(data), number});
+  send({ReplyValue::ofString(std::move(text)), ReplyValue::ofBytes(std::move(data)),
+        ReplyValue::ofInteger(number)});
 }
 
 void Reply::sendEmpty() const { send({}); }

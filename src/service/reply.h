@@ -11,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "common/json.h"
@@ -21,7 +20,20 @@ namespace quorvi {
 using OptionalString = std::optional<std::string>;
 // One value of a reply, in the order of the member's out signature.
 // Optional values travel as (flag, value): "b ay" for bytes, "b s" for text.
-using ReplyValue = std::variant<bool, int64_t, OptionalBytes, OptionalString>;
+struct ReplyValue {
+  enum class Type { flag, integer, optionalBytes, optionalString };
+  Type type = Type::flag;
+  bool flag = false;
+  int64_t integer = 0;
+  std::optional<std::string> value;  // bytes or text; nullopt is nil
+
+  static ReplyValue ofFlag(bool f) { return {Type::flag, f, 0, std::nullopt}; }
+  static ReplyValue ofInteger(int64_t i) { return {Type::integer, false, i, std::nullopt}; }
+  static ReplyValue ofBytes(OptionalBytes b) { return {Type::optionalBytes, false, 0, std::move(b)}; }
+  static ReplyValue ofString(std::optional<std::string> s) {
+    return {Type::optionalString, false, 0, std::move(s)};
+  }
+};
 
 class Reply {
  public:
