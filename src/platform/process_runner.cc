@@ -125,7 +125,8 @@ ProcessResult runProcess(const std::string& executable, const std::vector<std::s
   return result;
 }
 
-bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments) {
+bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments,
+                    std::function<void()> onExit) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -134,10 +135,11 @@ bool launchDetached(const std::string& executable, const std::vector<std::string
   int spawnError = ::posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawnError != 0) return false;
-  std::thread([pid] {
+  std::thread([pid, onExit = std::move(onExit)] {
     int status;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    if (onExit) onExit();
   }).detach();
   return true;
 }

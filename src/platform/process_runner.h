@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,9 +30,10 @@ struct ProcessResult {
 ProcessResult runProcess(const std::string& executable, const std::vector<std::string>& arguments,
                          const ProcessOptions& options = {});
 
-// Starts the program and does not wait for it; a reaper thread collects it.
-// False when it could not be started.
-bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments);
+// Starts the program and does not wait for it; a reaper thread collects it
+// and then calls onExit (if given). False when it could not be started.
+bool launchDetached(const std::string& executable, const std::vector<std::string>& arguments,
+                    std::function<void()> onExit = {});
 
 // The first directory of $PATH (or the usual system folders) holding an
 // executable `name`; empty when none does.
