@@ -1,0 +1,100 @@
+#include "common/dispatch.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <set>
+#include <thread>
+
+namespace quorvi {
+namespace {
+
+TEST(DispatchQueueTest, SerialQueueRunsOneItemAtATimeInOrder) {
+  auto queue = DispatchQueue::makeSerial("com.quorvi.test.serial");
+  std::vector<int> order;
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  DispatchGroup group;
+  for (int i = 0; i < 200; ++i) {
+    group.async(*queue, [&, i] {
+      if (inside.fetch_add(1) != 0) overlapped = true;
+      order.push_back(i);
+      inside.fetch_sub(1);
+    });
+  }
+  ASSERT_TRUE(group.wait(std::chrono::seconds(10)));
+  EXPECT_FALSE(overlapped);
+  ASSERT_EQ(order.size(), 200u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(DispatchQueueTest, SyncOnTheCurrentQueueRunsInline) {
+  auto queue = DispatchQueue::makeSerial("com.quorvi.test.reentrant");
+  bool ran = false;
+  queue->sync([&] {
+    EXPECT_TRUE(queue->isCurrent());
+    queue->sync([&] { ran = true; });  // would deadlock if it queued
+  });
+  EXPECT_TRUE(ran);
+  EXPECT_FALSE(queue->isCurrent());
+}
+
+TEST(DispatchQueueTest, CancelledDelayedItemNeverRuns) {
+  auto queue = DispatchQueue::makeSerial("com.quorvi.test.delay");
+  std::atomic<int> runs{0};
+  auto cancelled = queue->asyncAfter(DispatchQueue::Seconds(0.05), [&] { runs += 100; });
+  cancelled->cancel();
+  std::promise<void> done;
+  queue->asyncAfter(DispatchQueue::Seconds(0.1), [&] {
+    runs += 1;
+    done.set_value();
+  });
+  ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(DispatchQueueTest, MainQueueRunsOnTheThreadThatServesIt) {
+  std::promise<std::thread::id> ranOn;
+  std::thread mainThread([] { DispatchQueue::runMain(); });
+  DispatchQueue::main().async([&] {
+    EXPECT_TRUE(DispatchQueue::main().isCurrent());
+    ranOn.set_value(std::this_thread::get_id());
+  });
+  auto future = ranOn.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(future.get(), mainThread.get_id());
+  DispatchQueue::stopMain();
+  mainThread.join();
+}
+
+TEST(DispatchGroupTest, NotifyRunsOnceAfterTheLastLeave) {
+  DispatchGroup group;
+  auto queue = DispatchQueue::makeSerial("com.quorvi.test.notify");
+  std::atomic<int> finished{0};
+  std::promise<int> notified;
+  for (int i = 0; i < 20; ++i) group.async(DispatchQueue::global(), [&] { finished++; });
+  group.notify(*queue, [&] { notified.set_value(finished.load()); });
+  auto future = notified.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(future.get(), 20);
+}
+
+TEST(ConcurrentPerformTest, EveryIndexOnceEvenFromInsideThePool) {
+  constexpr std::size_t kCount = 10000;
+  std::vector<std::atomic<int>> hits(kCount);
+  concurrentPerform(kCount, [&](std::size_t i) { hits[i]++; });
+  for (auto& h : hits) ASSERT_EQ(h.load(), 1);
+
+  // Every pool thread nests a parallel-for: none may wait for helpers that
+  // can never start.
+  std::atomic<int> total{0};
+  concurrentPerform(DispatchQueue::globalThreadCount() * 2, [&](std::size_t) {
+    concurrentPerform(50, [&](std::size_t) { total++; });
+  });
+  EXPECT_EQ(total, int(DispatchQueue::globalThreadCount() * 2 * 50));
+  concurrentPerform(0, [](std::size_t) { FAIL(); });
+}
+
+}  // namespace
+}  // namespace quorvi
