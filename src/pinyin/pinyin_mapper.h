@@ -2,8 +2,27 @@
 // name holding Chinese characters it gives the name's full pinyin strings and
 // the strings of their initials, both lowercase. One shared mapper serves the
 // whole process and may be called from many threads at once.
+//
+// Readings: two whole names have fixed answers (微信, 企业微信); three words
+// that the generic transliteration reads wrongly are replaced first (劳动,
+// 合同, 强化); polyphonic characters take their readings from the polyphone
+// table (pinyin/polyphone_table.h); every other character takes ICU's one
+// reading, transliterated once per process (pinyin/han_readings.h).
+//
+// Combining: each Chinese character is a segment of alternatives, each run of
+// other text a segment of its own; the strings are the product of the
+// segments in order, except that once there are more than three strings,
+// later segments add only their first reading.
+//
+// Initials keep, of each string before it is lowercased: the capitals (every
+// syllable is capitalised, and capitals of the other text count too) and the
+// letters and digits that have no case at all (2024, kana, Hangul, a Chinese
+// character without a Latin reading). Lower-case letters, punctuation,
+// symbols, spaces and invalid bytes are left out: 报告2024.pdf gives
+// "baogao2024.pdf" and "bg2024".
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,10 +38,32 @@ class PinyinMapper {
  public:
   static PinyinMapper& shared();
 
+  // Reads the polyphone table from the resource directory.
+  PinyinMapper();
+  // Reads the polyphone table from tablePath. A missing or malformed table
+  // leaves the mapper without one: every character then gets one reading.
+  explicit PinyinMapper(const std::string& tablePath);
+  ~PinyinMapper();
+  PinyinMapper(const PinyinMapper&) = delete;
+  PinyinMapper& operator=(const PinyinMapper&) = delete;
+
   // True when some character lies in U+4E00..U+9FA5 (UTF-8 input).
   static bool containsChinese(std::string_view text);
-  // The full pinyin strings and initials of a name (UTF-8), lowercase.
+  // The full pinyin strings and initials of a name (UTF-8, possibly
+  // invalid: invalid bytes count as plain text), lowercase, without
+  // duplicates. Empty forms for a name without Chinese characters.
   PinyinForms map(std::string_view name) const;
+
+  // How many characters the polyphone table gave readings for (0 without).
+  std::size_t polyphoneCount() const;
+  // Why the table was not used; empty when it was.
+  const std::string& tableError() const;
+
+ private:
+  struct Table;
+  const std::vector<std::string>& readingsOf(char32_t character) const;
+
+  std::unique_ptr<Table> table_;
 };
 
 // The keyword form of a text: the text in lower case, followed, when it
