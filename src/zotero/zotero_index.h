@@ -1,0 +1,62 @@
+// The searchable Zotero index: one entry per live item, grouped by library,
+// and the field list of every item for previews. Built from the rows of one
+// database read (zotero_records.h).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "common/json.h"
+#include "zotero/zotero_records.h"
+#include "zotero/zotero_tables.h"
+
+namespace quorvi {
+
+// The own library's name, for the client to localise.
+inline constexpr const char* kZoteroMyLibrary = "ZOTERO_MY_LIBRARY";
+
+struct ZoteroAttribute {
+  std::string field;  // "ZOTERO_FIELD_..." key, or the raw field name
+  int64_t fieldID = 0;
+  std::string value;
+};
+
+struct ZoteroEntry {
+  int64_t itemID = 0;
+  std::string title;
+  std::string library;
+  int64_t libraryID = 0;
+  std::string key;
+  std::string itemType;  // localised type name, raw type name, or "Unknown"
+  std::optional<std::string> collectionPath;  // own collection first: "Child/Parent/Root"
+  int64_t collectionOrderIndex = 0;
+  std::optional<ZoteroItemAttachment> attachment;
+  std::string searchKeyword;
+};
+
+struct ZoteroGroup {
+  std::string library;
+  std::vector<ZoteroEntry> entries;
+};
+
+struct ZoteroIndex {
+  std::vector<ZoteroGroup> groups;  // own library first, then by plain string order
+  std::unordered_map<int64_t, std::vector<ZoteroAttribute>> itemAttributes;
+};
+
+struct ZoteroTables {
+  const StringTable& localizedCategories;
+  const StringTable& localizedFields;
+};
+
+ZoteroIndex buildZoteroIndex(const ZoteroDatabase& database, const ZoteroTables& tables);
+
+// JSON of the reply records, byte for byte what encodeJson() gives for the
+// same document, written directly because libraries run to 100,000 entries.
+Bytes encodeZoteroGroups(const std::vector<ZoteroGroup>& groups);
+Bytes encodeZoteroAttributes(const std::vector<ZoteroAttribute>& attributes);
+
+}  // namespace quorvi

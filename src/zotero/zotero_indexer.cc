@@ -1,0 +1,146 @@
+#include "zotero/zotero_indexer.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+
+#include "zotero/database_reader.h"
+#include "zotero/working_copy.h"
+
+namespace quorvi {
+
+namespace {
+
+double secondsSince1970() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// The file's content-modification time, 0 when it can't be read.
+double modificationTime(const std::string& path) {
+  struct stat info;
+  if (::stat(path.c_str(), &info) != 0) return 0;
+  return static_cast<double>(info.st_mtim.tv_sec) + info.st_mtim.tv_nsec / 1e9;
+}
+
+bool fileExists(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+ZoteroIndexer& ZoteroIndexer::shared() {
+  static std::shared_ptr<ZoteroIndexer>* indexer = new std::shared_ptr<ZoteroIndexer>(make({}));
+  return **indexer;
+}
+
+std::shared_ptr<ZoteroIndexer> ZoteroIndexer::make(Options options) {
+  return std::shared_ptr<ZoteroIndexer>(new ZoteroIndexer(std::move(options)));
+}
+
+ZoteroIndexer::ZoteroIndexer(Options options)
+    : localizedCategories_(zoteroLocalizedCategories()),
+      localizedFields_(zoteroLocalizedFields()),
+      options_(std::move(options)) {}
+
+ZoteroIndexer::IndexAnswer ZoteroIndexer::index(const std::string& folder, bool useCacheIfAvailable) {
+  std::lock_guard<std::mutex> reading(readMutex_);
+  cancelExpiry();
+  IndexAnswer result;
+  try {
+    result = answer(folder, useCacheIfAvailable);
+  } catch (const std::exception& error) {  // memory exhaustion on a huge file, mostly
+    result = {std::nullopt, error.what()};
+  }
+  scheduleExpiry();
+  return result;
+}
+
+ZoteroIndexer::IndexAnswer ZoteroIndexer::answer(const std::string& folder, bool useCacheIfAvailable) {
+  std::string databasePath = folder + "/zotero.sqlite";
+  if (!fileExists(databasePath)) return {std::nullopt, "Zotero Library Not Exist"};
+  double now = secondsSince1970();
+  if (useCacheIfAvailable) {
+    if (auto cached = reusableAnswer(folder, databasePath, now)) return {std::move(cached), std::nullopt};
+  }
+
+  std::string workingDirectory =
+      options_.workingDirectory.empty() ? defaultZoteroWorkingDirectory() : options_.workingDirectory;
+  ZoteroReadResult read = readZoteroDatabase(folder, workingDirectory);
+  if (!read.database) return {std::nullopt, read.failure};
+
+  ZoteroIndex built = buildZoteroIndex(*read.database, {localizedCategories_, localizedFields_});
+  read.database.reset();
+  auto result = std::make_shared<IndexResult>();
+  result->zoteroLibraryPath = folder;
+  result->timestamp = now;
+  result->groupsJSON = encodeZoteroGroups(built.groups);
+  result->itemAttributes = std::move(built.itemAttributes);
+  Bytes reply = result->groupsJSON;
+  {
+    std::lock_guard<std::mutex> state(stateMutex_);
+    indexResult_ = std::move(result);
+  }
+  return {std::move(reply), std::nullopt};
+}
+
+// Reuse needs the same folder, written exactly so. The file's date is weighed
+// against now rather than against the cached result: whenever the date can be
+// read the cache is reused; only an unreadable date falls back to 30 seconds.
+std::optional<Bytes> ZoteroIndexer::reusableAnswer(const std::string& folder, const std::string& databasePath,
+                                                   double now) const {
+  std::shared_ptr<const IndexResult> cached;
+  {
+    std::lock_guard<std::mutex> state(stateMutex_);
+    cached = indexResult_;
+  }
+  if (!cached || cached->zoteroLibraryPath != folder) return std::nullopt;
+  double modified = modificationTime(databasePath);
+  bool fresh = modified != 0 ? modified < now : now - cached->timestamp <= 30.0;
+  if (!fresh) return std::nullopt;
+  return cached->groupsJSON;
+}
+
+OptionalBytes ZoteroIndexer::preview(int64_t itemID) const {
+  std::shared_ptr<const IndexResult> cached;
+  {
+    std::lock_guard<std::mutex> state(stateMutex_);
+    cached = indexResult_;
+  }
+  if (!cached) return std::nullopt;
+  auto attributes = cached->itemAttributes.find(itemID);
+  if (attributes == cached->itemAttributes.end()) return std::nullopt;
+  return encodeZoteroAttributes(attributes->second);
+}
+
+bool ZoteroIndexer::hasCachedResult() const {
+  std::lock_guard<std::mutex> state(stateMutex_);
+  return indexResult_ != nullptr;
+}
+
+void ZoteroIndexer::cancelExpiry() {
+  std::lock_guard<std::mutex> state(stateMutex_);
+  if (dispatchWorkItem_) dispatchWorkItem_->cancel();
+  dispatchWorkItem_.reset();
+}
+
+// The cache lives cacheLifetime seconds after the last index request. The job
+// holds the indexer weakly: it never keeps a dropped indexer alive.
+void ZoteroIndexer::scheduleExpiry() {
+  std::weak_ptr<ZoteroIndexer> weakSelf = weak_from_this();
+  auto item = std::make_shared<WorkItem>([weakSelf] {
+    if (auto self = weakSelf.lock()) {
+      std::lock_guard<std::mutex> state(self->stateMutex_);
+      self->indexResult_.reset();
+    }
+  });
+  {
+    std::lock_guard<std::mutex> state(stateMutex_);
+    if (dispatchWorkItem_) dispatchWorkItem_->cancel();
+    dispatchWorkItem_ = item;
+  }
+  DispatchQueue& queue = options_.expiryQueue ? *options_.expiryQueue : DispatchQueue::main();
+  queue.asyncAfter(DispatchQueue::Seconds(options_.cacheLifetime), item);
+}
+
+}  // namespace quorvi

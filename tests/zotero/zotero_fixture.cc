@@ -1,0 +1,197 @@
+#include "zotero/zotero_fixture.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+
+namespace quorvi::testing {
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string pattern = std::filesystem::temp_directory_path().string() + "/quorvi-zotero-XXXXXX";
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code error;
+  std::filesystem::remove_all(path_, error);
+}
+
+namespace {
+
+// Zotero's tables as its schema creates them (the columns the reader touches,
+// in their real positions, and the ones after them).
+const char* const kSchema = R"SQL(
+CREATE TABLE itemTypes (itemTypeID INTEGER PRIMARY KEY, typeName TEXT, templateItemTypeID INT, display INT DEFAULT 1);
+CREATE TABLE fields (fieldID INTEGER PRIMARY KEY, fieldName TEXT, fieldFormatID INT);
+CREATE TABLE libraries (libraryID INTEGER PRIMARY KEY, type TEXT NOT NULL, editable INT NOT NULL,
+  filesEditable INT NOT NULL, version INT NOT NULL DEFAULT 0, storageVersion INT NOT NULL DEFAULT 0,
+  lastSync INT NOT NULL DEFAULT 0, archived INT NOT NULL DEFAULT 0);
+CREATE TABLE items (itemID INTEGER PRIMARY KEY, itemTypeID INT NOT NULL,
+  dateAdded TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP, dateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP,
+  clientDateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP, libraryID INT NOT NULL, key TEXT NOT NULL,
+  version INT NOT NULL DEFAULT 0, synced INT NOT NULL DEFAULT 0, UNIQUE (libraryID, key));
+CREATE TABLE itemDataValues (valueID INTEGER PRIMARY KEY, value UNIQUE);
+CREATE TABLE itemData (itemID INT, fieldID INT, valueID, PRIMARY KEY (itemID, fieldID));
+CREATE TABLE itemAttachments (itemID INTEGER PRIMARY KEY, parentItemID INT, linkMode INT, contentType TEXT,
+  charsetID INT, path TEXT, syncState INT DEFAULT 0, storageModTime INT, storageHash TEXT,
+  lastProcessedModificationTime INT);
+CREATE TABLE collections (collectionID INTEGER PRIMARY KEY, collectionName TEXT NOT NULL,
+  parentCollectionID INT DEFAULT NULL, clientDateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP,
+  libraryID INT NOT NULL, key TEXT NOT NULL, version INT NOT NULL DEFAULT 0, synced INT NOT NULL DEFAULT 0,
+  UNIQUE (libraryID, key));
+CREATE TABLE collectionItems (collectionID INT NOT NULL, itemID INT NOT NULL, orderIndex INT NOT NULL DEFAULT 0,
+  PRIMARY KEY (collectionID, itemID));
+CREATE INDEX collectionItems_itemID ON collectionItems(itemID);
+CREATE TABLE deletedItems (itemID INTEGER PRIMARY KEY, dateDeleted DEFAULT CURRENT_TIMESTAMP NOT NULL);
+CREATE TABLE groups (groupID INTEGER PRIMARY KEY, libraryID INT NOT NULL UNIQUE, name TEXT NOT NULL,
+  description TEXT NOT NULL, version INT NOT NULL);
+INSERT INTO libraries VALUES (1, 'user', 1, 1, 0, 0, 0, 0);
+)SQL";
+
+// Item types with Zotero's long-standing ids; "dataset" arrived later.
+const std::pair<const char*, int> kItemTypes[] = {
+    {"note", 1}, {"book", 2}, {"journalArticle", 4}, {"attachment", 14}, {"case", 17},
+    {"statute", 20}, {"email", 21}, {"encyclopediaArticle", 35}, {"dataset", 37}, {"annotation", 38},
+};
+
+// A few fields in both numberings: current (title first) and legacy (url first).
+struct FieldIDs {
+  const char* name;
+  int current;
+  int legacy;
+};
+const FieldIDs kFields[] = {
+    {"title", 1, 110}, {"abstractNote", 2, 90}, {"date", 6, 14}, {"DOI", 8, 26},
+    {"url", 10, 1}, {"publicationTitle", 41, 12}, {"caseName", 54, 111}, {"nameOfAct", 114, 112},
+    {"subject", 72, 113}, {"volume", 22, 4},
+};
+
+}  // namespace
+
+ZoteroLibraryFixture::ZoteroLibraryFixture(std::string folder, FieldNumbering numbering)
+    : folder_(std::move(folder)), numbering_(numbering) {
+  std::filesystem::create_directories(folder_);
+  if (sqlite3_open(databasePath().c_str(), &db_) != SQLITE_OK) throw std::runtime_error("open failed");
+  exec("PRAGMA synchronous=OFF;");  // fixtures need no durability, only speed
+  exec(kSchema);
+  for (const auto& [name, id] : kItemTypes)
+    exec("INSERT INTO itemTypes VALUES (" + std::to_string(id) + ", '" + name + "', NULL, 1);");
+  for (const auto& field : kFields)
+    exec("INSERT INTO fields VALUES (" + std::to_string(fieldID(field.name)) + ", '" + field.name + "', NULL);");
+}
+
+ZoteroLibraryFixture::~ZoteroLibraryFixture() { close(); }
+
+void ZoteroLibraryFixture::close() {
+  if (db_) sqlite3_close(db_);
+  db_ = nullptr;
+}
+
+void ZoteroLibraryFixture::exec(const std::string& sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message ? message : "?";
+    sqlite3_free(message);
+    throw std::runtime_error("sqlite: " + text + " in " + sql);
+  }
+}
+
+int64_t ZoteroLibraryFixture::fieldID(const std::string& name) const {
+  for (const auto& field : kFields)
+    if (name == field.name) return numbering_ == FieldNumbering::current ? field.current : field.legacy;
+  throw std::runtime_error("no such field in the fixture: " + name);
+}
+
+int64_t ZoteroLibraryFixture::itemTypeID(const std::string& name) const {
+  for (const auto& [typeName, id] : kItemTypes)
+    if (name == typeName) return id;
+  throw std::runtime_error("no such item type in the fixture: " + name);
+}
+
+int64_t ZoteroLibraryFixture::addGroup(int64_t groupID, const std::string& name) {
+  exec("INSERT INTO libraries (type, editable, filesEditable) VALUES ('group', 1, 1);");
+  int64_t libraryID = sqlite3_last_insert_rowid(db_);
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db_, "INSERT INTO groups VALUES (?, ?, ?, '', 0);", -1, &statement, nullptr);
+  sqlite3_bind_int64(statement, 1, groupID);
+  sqlite3_bind_int64(statement, 2, libraryID);
+  sqlite3_bind_text(statement, 3, name.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_step(statement);
+  sqlite3_finalize(statement);
+  return libraryID;
+}
+
+int64_t ZoteroLibraryFixture::addCollection(const std::string& name, int64_t parentID, int64_t libraryID) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db_,
+                     "INSERT INTO collections (collectionName, parentCollectionID, libraryID, key) VALUES (?, ?, ?, ?);",
+                     -1, &statement, nullptr);
+  sqlite3_bind_text(statement, 1, name.c_str(), -1, SQLITE_TRANSIENT);
+  if (parentID) sqlite3_bind_int64(statement, 2, parentID);
+  sqlite3_bind_int64(statement, 3, libraryID);
+  std::string key = "COLL" + std::to_string(++nextKey_);
+  sqlite3_bind_text(statement, 4, key.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_step(statement);
+  sqlite3_finalize(statement);
+  return sqlite3_last_insert_rowid(db_);
+}
+
+int64_t ZoteroLibraryFixture::valueID(const std::string& value) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db_, "INSERT OR IGNORE INTO itemDataValues (value) VALUES (?);", -1, &statement, nullptr);
+  sqlite3_bind_text(statement, 1, value.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_step(statement);
+  sqlite3_finalize(statement);
+  sqlite3_prepare_v2(db_, "SELECT valueID FROM itemDataValues WHERE value = ?;", -1, &statement, nullptr);
+  sqlite3_bind_text(statement, 1, value.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_step(statement);
+  int64_t id = sqlite3_column_int64(statement, 0);
+  sqlite3_finalize(statement);
+  return id;
+}
+
+int64_t ZoteroLibraryFixture::addItem(const std::string& type, const FieldValues& fields, int64_t libraryID) {
+  return addItemWithTypeID(itemTypeID(type), fields, libraryID);
+}
+
+int64_t ZoteroLibraryFixture::addItemWithTypeID(int64_t itemTypeID, const FieldValues& fields, int64_t libraryID) {
+  std::string key = "ITEM" + std::to_string(++nextKey_);
+  exec("INSERT INTO items (itemTypeID, dateModified, libraryID, key) VALUES (" + std::to_string(itemTypeID) +
+       ", '2024-03-05 10:20:30', " + std::to_string(libraryID) + ", '" + key + "');");
+  int64_t itemID = sqlite3_last_insert_rowid(db_);
+  std::vector<std::pair<int64_t, int64_t>> rows;
+  for (const auto& [name, value] : fields) rows.emplace_back(fieldID(name), valueID(value));
+  std::sort(rows.begin(), rows.end());
+  for (const auto& [field, value] : rows)
+    exec("INSERT INTO itemData VALUES (" + std::to_string(itemID) + ", " + std::to_string(field) + ", " +
+         std::to_string(value) + ");");
+  return itemID;
+}
+
+void ZoteroLibraryFixture::addToCollection(int64_t collectionID, int64_t itemID) {
+  exec("INSERT INTO collectionItems VALUES (" + std::to_string(collectionID) + ", " + std::to_string(itemID) +
+       ", 3);");
+}
+
+void ZoteroLibraryFixture::addAttachment(int64_t itemID, int64_t parentItemID, const std::string& contentType,
+                                         const std::string& path) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db_, "INSERT INTO itemAttachments (itemID, parentItemID, linkMode, contentType, path) "
+                          "VALUES (?, ?, 0, ?, ?);", -1, &statement, nullptr);
+  sqlite3_bind_int64(statement, 1, itemID);
+  if (parentItemID) sqlite3_bind_int64(statement, 2, parentItemID);
+  sqlite3_bind_text(statement, 3, contentType.c_str(), -1, SQLITE_TRANSIENT);
+  if (!path.empty()) sqlite3_bind_text(statement, 4, path.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_step(statement);
+  sqlite3_finalize(statement);
+}
+
+void ZoteroLibraryFixture::trash(int64_t itemID) {
+  exec("INSERT INTO deletedItems (itemID) VALUES (" + std::to_string(itemID) + ");");
+}
+
+}  // namespace quorvi::testing
