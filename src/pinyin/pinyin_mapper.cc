@@ -3,6 +3,7 @@
 #include <unicode/uchar.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "pinyin/han_readings.h"
 #include "pinyin/polyphone_table.h"
@@ -118,7 +119,14 @@ struct PinyinMapper::Table {
 
 PinyinMapper& PinyinMapper::shared() {
   // Never destroyed: scan threads may still use it while the process exits.
-  static auto* mapper = new PinyinMapper();
+  static auto* mapper = [] {
+    auto* created = new PinyinMapper();
+    if (!created->tableError().empty()) {
+      std::fprintf(stderr, "quorvifind: pinyin polyphone table not used (%s); each character gets one reading\n",
+                   created->tableError().c_str());
+    }
+    return created;
+  }();
   return *mapper;
 }
 
