@@ -1,0 +1,156 @@
+#include "processes/proc_net_listeners.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+#include <unordered_map>
+
+#include "processes/proc_files.h"
+#include "processes/process_helper.h"
+#include "processes/text_util.h"
+
+namespace quorvi {
+
+namespace {
+
+// Columns: sl local_address rem_address st tx:rx tr:when retrnsmt uid timeout inode
+constexpr size_t kLocalAddressColumn = 1;
+constexpr size_t kStateColumn = 3;
+constexpr size_t kInodeColumn = 9;
+constexpr std::string_view kListenState = "0A";
+constexpr std::string_view kSocketLinkPrefix = "socket:[";
+constexpr size_t kPidsWorthASecondThread = 64;
+constexpr size_t kTableReadBytes = size_t(256) << 10;
+
+std::optional<uint64_t> parseHex(std::string_view digits) {
+  if (digits.empty() || digits.size() > 16) return std::nullopt;
+  uint64_t value = 0;
+  for (char c : digits) {
+    int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    if (digit < 0) return std::nullopt;
+    value = value * 16 + uint64_t(digit);
+  }
+  return value;
+}
+
+std::optional<ListeningSocket> parseTableRow(std::string_view line) {
+  auto pieces = text::splitAtWhiteSpace(line);
+  if (pieces.size() <= kInodeColumn || pieces[kStateColumn] != kListenState) return std::nullopt;
+  std::string_view local = pieces[kLocalAddressColumn];
+  size_t colon = local.rfind(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  auto port = parseHex(local.substr(colon + 1));
+  auto inode = text::parseDecimal(pieces[kInodeColumn]);
+  if (!port || *port > 0xFFFF || !inode || *inode <= 0) return std::nullopt;
+  return ListeningSocket{uint64_t(*inode), int64_t(*port)};
+}
+
+// The inode of a descriptor link "socket:[12345]", or 0.
+uint64_t socketInode(std::string_view link) {
+  if (!link.starts_with(kSocketLinkPrefix) || !link.ends_with(']')) return 0;
+  link.remove_prefix(kSocketLinkPrefix.size());
+  link.remove_suffix(1);
+  auto inode = text::parseDecimal(link);
+  return inode && *inode > 0 ? uint64_t(*inode) : 0;
+}
+
+std::string commandName(int pidFd) {
+  auto name = procfs::readSmallFile(pidFd, "comm");
+  if (!name) return "";
+  while (!name->empty() && name->back() == '\n') name->pop_back();
+  return *name;
+}
+
+void appendListenersOfProcess(int64_t pid, int procFd, const std::unordered_map<uint64_t, int64_t>& portsByInode,
+                              const ProcessHelper& helper, std::vector<Listener>& listeners) {
+  std::string fdPath = std::to_string(pid) + "/fd";
+  procfs::DirectoryFd fdDir(procFd, fdPath.c_str());
+  if (!fdDir.isOpen()) return;  // another user's process, or it has ended
+  bool described = false;
+  Listener pending;
+  char fdName[24];
+  for (int64_t fd : procfs::numericEntries(fdDir.get())) {
+    std::snprintf(fdName, sizeof fdName, "%lld", (long long)fd);
+    auto link = procfs::readLink(fdDir.get(), fdName);
+    if (!link) continue;
+    auto found = portsByInode.find(socketInode(*link));
+    if (found == portsByInode.end()) continue;
+    if (!described) {
+      procfs::DirectoryFd pidDir(procFd, std::to_string(pid).c_str());
+      struct stat info;
+      pending.pid = pid;
+      pending.name = pidDir.isOpen() ? commandName(pidDir.get()) : "";
+      pending.user = pidDir.isOpen() && ::fstat(pidDir.get(), &info) == 0 ? helper.userNameForUid(info.st_uid) : "";
+      described = true;
+    }
+    pending.port = found->second;
+    listeners.push_back(pending);
+  }
+}
+
+}  // namespace
+
+std::vector<ListeningSocket> parseProcNetTcp(std::string_view table) {
+  std::vector<ListeningSocket> sockets;
+  size_t start = 0;
+  while (start < table.size()) {
+    size_t end = table.find('\n', start);
+    if (end == std::string_view::npos) end = table.size();
+    if (auto socket = parseTableRow(table.substr(start, end - start))) sockets.push_back(*socket);
+    start = end + 1;
+  }
+  return sockets;
+}
+
+bool procNetTcpAvailable(const std::string& procRoot) {
+  return ::access((procRoot + "/net/tcp").c_str(), R_OK) == 0;
+}
+
+std::optional<std::vector<ListeningSocket>> listeningSocketsFromTables(const std::string& procRoot) {
+  std::vector<ListeningSocket> sockets;
+  bool anyTable = false;
+  for (const char* table : {"/net/tcp", "/net/tcp6"}) {
+    auto contents = procfs::readSmallFile(procRoot + table, kTableReadBytes);
+    if (!contents) continue;
+    anyTable = true;
+    auto rows = parseProcNetTcp(*contents);
+    sockets.insert(sockets.end(), rows.begin(), rows.end());
+  }
+  if (!anyTable) return std::nullopt;
+  return sockets;
+}
+
+std::optional<std::vector<ListeningSocket>> listeningSockets(const std::string& procRoot) {
+  if (procRoot == "/proc") {
+    if (auto sockets = listeningSocketsFromNetlink()) return sockets;
+  }
+  return listeningSocketsFromTables(procRoot);
+}
+
+std::vector<Listener> listenersFromProc(const std::string& procRoot) {
+  auto sockets = listeningSockets(procRoot);
+  if (!sockets || sockets->empty()) return {};
+  std::unordered_map<uint64_t, int64_t> portsByInode;
+  for (const auto& socket : *sockets) portsByInode.emplace(socket.inode, socket.port);
+  procfs::DirectoryFd procDir(procRoot);
+  if (!procDir.isOpen()) return {};
+  ProcessHelper helper(procRoot);
+  std::vector<int64_t> pids = procfs::numericEntries(procDir.get());
+  // Reading every descriptor link is most of the work; two halves of the
+  // pid list run side by side and are joined in pid order.
+  auto walk = [&](size_t begin, size_t end, std::vector<Listener>& found) {
+    for (size_t i = begin; i < end; ++i) appendListenersOfProcess(pids[i], procDir.get(), portsByInode, helper, found);
+  };
+  std::vector<Listener> listeners, secondHalf;
+  size_t middle = pids.size() < kPidsWorthASecondThread ? pids.size() : pids.size() / 2;
+  std::thread second;
+  if (middle < pids.size()) second = std::thread(walk, middle, pids.size(), std::ref(secondHalf));
+  walk(0, middle, listeners);
+  if (second.joinable()) second.join();
+  listeners.insert(listeners.end(), secondHalf.begin(), secondHalf.end());
+  return withoutDuplicatePorts(std::move(listeners));
+}
+
+}  // namespace quorvi

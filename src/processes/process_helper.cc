@@ -1,0 +1,115 @@
+#include "processes/process_helper.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "processes/proc_files.h"
+#include "processes/text_util.h"
+
+namespace quorvi {
+
+namespace {
+
+constexpr size_t kKernelCommandNameLength = 15;
+constexpr std::string_view kDeletedMark = " (deleted)";
+
+std::string withoutTrailingNewline(std::string text) {
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+ProcessHelper::ProcessHelper(std::string procRoot) : procRoot_(std::move(procRoot)) {}
+
+std::string ProcessHelper::pidPath(int64_t pid, const char* entry) const {
+  return procRoot_ + "/" + std::to_string(pid) + "/" + entry;
+}
+
+std::optional<std::string> ProcessHelper::firstArgument(int64_t pid) const {
+  auto commandLine = procfs::readSmallFile(pidPath(pid, "cmdline"));
+  if (!commandLine || commandLine->empty()) return std::nullopt;
+  std::string first = commandLine->substr(0, commandLine->find('\0'));
+  if (first.empty()) return std::nullopt;
+  return first;
+}
+
+std::optional<std::string> ProcessHelper::getProcessNameFromPID(int64_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  auto name = procfs::readSmallFile(pidPath(pid, "comm"));
+  if (!name) return std::nullopt;
+  return completedName(pid, withoutTrailingNewline(std::move(*name)));
+}
+
+std::string ProcessHelper::completedName(int64_t pid, std::string commandName) const {
+  if (commandName.size() != kKernelCommandNameLength) return commandName;
+  auto first = firstArgument(pid);
+  if (!first) return commandName;
+  // A program may rewrite its command line ("sshd: alice"); only its first
+  // word can be the program's file name.
+  std::string fileName = text::lastPathComponent(first->substr(0, first->find(' ')));
+  if (fileName.size() > commandName.size() && fileName.compare(0, commandName.size(), commandName) == 0) {
+    return fileName;
+  }
+  return commandName;
+}
+
+std::optional<std::string> ProcessHelper::getProcessPathFromPID(int64_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  if (auto link = procfs::readLink(pidPath(pid, "exe"))) {
+    if (link->size() > kDeletedMark.size() && link->ends_with(kDeletedMark)) {
+      link->resize(link->size() - kDeletedMark.size());
+    }
+    return link;
+  }
+  auto first = firstArgument(pid);
+  if (first && first->front() == '/') return first->substr(0, first->find(' '));
+  return std::nullopt;
+}
+
+std::optional<int> ProcessHelper::threadCount(int64_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  auto status = procfs::readSmallFile(pidPath(pid, "status"));
+  if (!status) return std::nullopt;
+  size_t at = status->find("\nThreads:");
+  if (at == std::string::npos) return std::nullopt;
+  auto pieces = text::splitAtWhiteSpace(std::string_view(*status).substr(at + 9, 32));
+  if (pieces.empty()) return std::nullopt;
+  auto count = text::parseDecimal(pieces[0]);
+  if (!count || *count < 0 || *count > INT32_MAX) return std::nullopt;
+  return int(*count);
+}
+
+std::optional<uid_t> ProcessHelper::ownerUid(int64_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  struct stat info;
+  if (::stat((procRoot_ + "/" + std::to_string(pid)).c_str(), &info) != 0) return std::nullopt;
+  return info.st_uid;
+}
+
+std::optional<std::string> ProcessHelper::userName(int64_t pid) const {
+  auto uid = ownerUid(pid);
+  if (!uid) return std::nullopt;
+  return userNameForUid(*uid);
+}
+
+std::string ProcessHelper::userNameForUid(uid_t uid) const {
+  {
+    std::lock_guard<std::mutex> guard(userNamesLock_);
+    if (auto found = userNames_.find(uid); found != userNames_.end()) return found->second;
+  }
+  std::string name = std::to_string(uid);
+  passwd entry;
+  passwd* result = nullptr;
+  std::vector<char> buffer(16384);
+  if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &result) == 0 && result && result->pw_name) {
+    name = result->pw_name;
+  }
+  std::lock_guard<std::mutex> guard(userNamesLock_);
+  userNames_.emplace(uid, name);
+  return name;
+}
+
+}  // namespace quorvi

@@ -1,0 +1,48 @@
+// ProcessHelper: what the process list needs to know about one process id,
+// read from /proc: its name, its executable's path, its owner and its
+// thread count. Every answer is empty for a process that has ended (or that
+// never existed), so callers simply leave such processes out.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace quorvi {
+
+class ProcessHelper {
+ public:
+  explicit ProcessHelper(std::string procRoot = "/proc");
+
+  // The command name (/proc/PID/comm). The kernel keeps only 15 bytes of it,
+  // so a name of that length is completed from the command line's first word
+  // when that word's file name begins with it.
+  std::optional<std::string> getProcessNameFromPID(int64_t pid) const;
+  // The same completion for a command name already read elsewhere.
+  std::string completedName(int64_t pid, std::string commandName) const;
+  // The executable (/proc/PID/exe, without a " (deleted)" mark). Where the
+  // link may not be read (another user's process without privileges) it is
+  // the command line's first word when that is an absolute path. Kernel
+  // threads have neither and answer nothing.
+  std::optional<std::string> getProcessPathFromPID(int64_t pid) const;
+  std::optional<int> threadCount(int64_t pid) const;
+  // The owner of /proc/PID, which is the process's effective user.
+  std::optional<uid_t> ownerUid(int64_t pid) const;
+  std::optional<std::string> userName(int64_t pid) const;
+  // The login name of a user id, or the id in decimal when it has none.
+  std::string userNameForUid(uid_t uid) const;
+
+ private:
+  std::string pidPath(int64_t pid, const char* entry) const;
+  std::optional<std::string> firstArgument(int64_t pid) const;
+
+  std::string procRoot_;
+  mutable std::mutex userNamesLock_;
+  mutable std::map<uid_t, std::string> userNames_;
+};
+
+}  // namespace quorvi
