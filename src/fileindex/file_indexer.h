@@ -1,0 +1,146 @@
+// FileIndexer: the one file index of the process. It owns the records
+// (fileRef), the scopes they came from, the filter, the summary of the last
+// run and the state the client sees:
+//
+//   state             isIndexing  indexResultDescription        indexDescription
+//   never indexed     false       absent                        absent
+//   indexing          true        absent                        ""
+//   ready             false       present, isReady true         "#fs ends N in T s"
+//   emptied           false       present, count 0, time 0,     absent
+//                                 isReady true, changed = now
+//
+// Scope changes (start, add, remove) are accepted on the main thread only
+// (DispatchQueue::main()); a call from another thread does nothing. The heavy
+// part of each (walk, record building, removal) runs on the index's mutation
+// queue "com.quorvi.fsevent", one at a time and in the order requested, so a
+// removal never races a scan. A start supersedes a scan still under way: the
+// older walk stops early and publishes nothing.
+//
+// "com.quorvi.fileIndexStateDidChange" is posted at every state change and at
+// the end of every scan (start or add).
+//
+// Searches read a snapshot of fileRef (a few pointers copied under its lock)
+// and never wait for a scan.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/dispatch.h"
+#include "fileindex/file.h"
+#include "fileindex/filter.h"
+#include "fileindex/match_logic.h"
+#include "fileindex/unfairlock_file_array.h"
+
+namespace quorvi {
+
+class FileIndexer {
+ public:
+  // The process-wide index (standard home, preferences and settings).
+  static FileIndexer& shared();
+  // An index reading its filter inputs from the given environment (tests).
+  explicit FileIndexer(FilterEnvironment environment, bool logsToStandardOutput = false);
+  ~FileIndexer();
+  FileIndexer(const FileIndexer&) = delete;
+  FileIndexer& operator=(const FileIndexer&) = delete;
+
+  // --- scope changes (main thread only) ---
+  void startIndexing(std::vector<std::string> scopes);
+  void addSearchScopes(std::vector<std::string> scopes);
+  void removeSearchScopes(std::vector<std::string> scopes);
+  // Sleep and wake (#5, #6): remember where file events should resume.
+  void workspaceWillSleep();
+  void workspaceDidAwake();
+
+  // --- state ---
+  struct State {
+    bool isIndexing = false;
+    std::optional<FileIndexResultDescription> indexResultDescription;
+    std::optional<std::string> indexDescription;
+  };
+  State state() const;
+  std::vector<std::string> searchScopes() const;
+  std::shared_ptr<const Filter> filter() const;
+  PerformanceSnapshot performanceSnapshot() const;
+  // Records found so far by the scan under way (0 when none runs).
+  int64_t scanProgress() const { return scanProgress_.load(std::memory_order_relaxed); }
+  UnfairlockFileArray& fileRef() { return fileRef_; }
+  DispatchQueue& fseventQueue() { return *fseventQueue_; }
+  // Blocks until every mutation queued so far has run (tools and tests).
+  void waitForPendingChanges();
+
+  // --- searches (any thread) ---
+  // Hits that passed the post-check, in index order. Stale hits are dropped
+  // from the index on the mutation queue; the answer does not wait for that.
+  std::vector<File> searchFiles(std::string_view query, int64_t maxcount);
+  // Only records whose path begins with directory + "/" (an empty directory
+  // matches nothing).
+  std::vector<File> searchFiles(std::string_view directory, std::string_view query, int64_t maxcount);
+  // Only folders; an empty query searches nothing.
+  std::vector<File> searchFolders(std::string_view query, int64_t maxcount);
+  // Whether some record's path equals the path.
+  bool containsFile(std::string_view path) const;
+  // Code-editor workspaces: files named "*.code-workspace".
+  std::vector<File> codeWorkspaces();
+  // IDE projects: folders "*.xcodeproj" and "*.xcworkspace", and the project
+  // files of Linux IDEs: "*.sln" (Rider, MonoDevelop), "*.ipr" (IntelliJ),
+  // "*.kdev4" (KDevelop), "*.cbp" (Code::Blocks), "*.qbs" (Qt Creator).
+  std::vector<File> ideProjects();
+  bool isEmpty() const { return fileRef_.count() == 0; }
+
+  // Post-check of hits: unreachable ones are dropped; ones in the trash or now
+  // ignored by the filter are dropped and removed from the index.
+  std::vector<File> checkedHits(const FileSegments& segments, const std::vector<RecordRef>& hits);
+
+ private:
+  std::vector<File> search(std::string_view query, int64_t maxcount,
+                           const std::function<bool(const FileTable&, std::size_t)>& admit);
+  std::vector<File> filesNamed(const std::vector<std::string>& suffixes, bool folders, bool files);
+  void runScan(uint64_t generation, std::vector<std::string> scopes, double startTime);
+  void runAdd(uint64_t generation, std::vector<std::string> added, std::vector<std::string> earlier);
+  void removeStale(std::vector<FileReference> stale);
+  void post();
+  void log(const std::string& line) const;
+
+  FilterEnvironment environment_;
+  bool logsToStandardOutput_;
+
+  mutable std::mutex stateMutex_;  // guards the fields below up to filter_
+  bool fseventHasChanged_ = false;
+  std::optional<FileIndexResultDescription> indexResultDescription_;
+  double consumeTime_ = 0;
+  std::vector<std::string> searchScopes_;
+  bool isIndexing_ = false;
+  std::optional<std::string> indexDescription_;
+  bool isExamining_ = false;
+  std::shared_ptr<const Filter> filter_;
+  std::optional<uint64_t> streamID_;
+
+  UnfairlockFileArray fileRef_;
+  std::shared_ptr<DispatchQueue> fseventQueue_;
+  std::shared_ptr<DispatchQueue> fseventOperationQueue_;
+  std::string fileEventWatcherIdentifier_;
+  std::atomic<uint64_t> generation_{0};
+  std::atomic<int64_t> scanProgress_{0};
+
+  // Performance counters.
+  std::atomic<int64_t> runs_{0};
+  std::atomic<double> lastRunTime_{0};
+  std::atomic<int64_t> searches_{0};
+  std::atomic<double> lastSearchTime_{0};
+  std::atomic<int64_t> staleRemoved_{0};
+  std::atomic<int64_t> p_changes{0};
+  std::atomic<double> p_lastChangeTimestamp{0};
+};
+
+// The entries of a directory read from disk (not from the index), sorted by
+// name; hidden ones (names beginning with ".") left out when asked. nullopt
+// when the directory cannot be read.
+std::optional<std::vector<FileBridge>> directoryFiles(const std::string& directory, bool skipHiddenFiles);
+
+}  // namespace quorvi

@@ -1,0 +1,230 @@
+#include "fileindex/match_logic.h"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+#include <cstring>
+#include <unordered_set>
+
+namespace quorvi {
+
+namespace {
+
+// The white-space set queries split at: tab and the space separators (Zs).
+bool isQueryWhiteSpace(UChar32 c) { return c == 0x09 || (c >= 0 && u_charType(c) == U_SPACE_SEPARATOR); }
+
+std::string replacingFullwidthBars(std::string_view query) {
+  std::string text;
+  text.reserve(query.size());
+  for (std::size_t i = 0; i < query.size(); ++i) {
+    if (query.compare(i, 3, "\xEF\xBD\x9C") == 0) {
+      text.push_back('|');
+      i += 2;
+    } else {
+      text.push_back(query[i]);
+    }
+  }
+  return text;
+}
+
+std::vector<std::string_view> splitTerms(std::string_view text) {
+  std::vector<std::string_view> terms;
+  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+  int32_t length = static_cast<int32_t>(std::min<std::size_t>(text.size(), INT32_MAX));
+  int32_t termStart = 0;
+  for (int32_t i = 0; i < length;) {
+    int32_t start = i;
+    UChar32 c;
+    U8_NEXT(bytes, i, length, c);
+    if (isQueryWhiteSpace(c)) {
+      if (start > termStart) terms.push_back(text.substr(termStart, start - termStart));
+      termStart = i;
+    }
+  }
+  if (length > termStart) terms.push_back(text.substr(termStart, length - termStart));
+  return terms;
+}
+
+bool contains(const char* text, const CStringRef& needle) {
+  return !needle.isEmpty() && std::strstr(text, needle.cstring()) != nullptr;
+}
+
+// The needles whose occurrences every hit must contain one of: a group's
+// word, or all the alternatives of an OR group.
+struct Anchor {
+  std::vector<std::string_view> needles;
+};
+
+// Picks the group to drive the search: the longest AND word (longer words
+// occur less often), else the OR group whose shortest alternative is longest.
+// Returns false when no record can match (a group without any usable needle).
+bool chooseAnchor(const std::vector<MatchLogicQuery>& groups, Anchor& anchor) {
+  std::size_t bestLength = 0;
+  const MatchLogicQuery* best = nullptr;
+  for (const auto& group : groups) {
+    if (group.orQuery) continue;
+    if (group.andQuery.isEmpty()) return false;
+    std::size_t length = group.andQuery.view().size();
+    if (length > bestLength) bestLength = length, best = &group;
+  }
+  if (best) {
+    anchor.needles = {best->andQuery.view()};
+    return true;
+  }
+  std::size_t bestShortest = 0;
+  for (const auto& group : groups) {
+    std::size_t shortest = SIZE_MAX;
+    std::size_t usable = 0;
+    for (const auto& alternative : *group.orQuery) {
+      if (alternative.isEmpty()) continue;
+      shortest = std::min(shortest, alternative.view().size());
+      ++usable;
+    }
+    if (usable == 0) return false;
+    if (shortest > bestShortest) bestShortest = shortest, best = &group;
+  }
+  for (const auto& alternative : *best->orQuery) {
+    if (!alternative.isEmpty()) anchor.needles.push_back(alternative.view());
+  }
+  return true;
+}
+
+class HitList {
+ public:
+  bool add(const FileSegments& segments, uint32_t segment, uint32_t row) {
+    const FileTable& table = *segments[segment];
+    FileReference reference{table.device(row), table.inode(row), {}};
+    if (hits_.size() < 32) {
+      for (const auto& hit : hits_) {
+        const FileTable& other = *segments[hit.segment];
+        if (other.inode(hit.row) == reference.inode && other.device(hit.row) == reference.device) return false;
+      }
+    } else {
+      if (seen_.empty()) {
+        for (const auto& hit : hits_) {
+          const FileTable& other = *segments[hit.segment];
+          seen_.insert(FileReference{other.device(hit.row), other.inode(hit.row), {}});
+        }
+      }
+      if (!seen_.insert(reference).second) return false;
+    }
+    hits_.push_back({segment, row});
+    return true;
+  }
+  std::size_t size() const { return hits_.size(); }
+  std::vector<RecordRef> take() { return std::move(hits_); }
+
+ private:
+  std::vector<RecordRef> hits_;
+  std::unordered_set<FileReference, FileReferenceHash> seen_;
+};
+
+}  // namespace
+
+bool MatchLogicQuery::matches(const char* cmatchs) const {
+  if (orQuery) {
+    for (const auto& alternative : *orQuery) {
+      if (contains(cmatchs, alternative)) return true;
+    }
+    return false;
+  }
+  return contains(cmatchs, andQuery);
+}
+
+std::vector<MatchLogicQuery> MatchLogic::parse(std::string_view query) {
+  std::string text = replacingFullwidthBars(query);
+  std::vector<MatchLogicQuery> groups;
+  for (std::string_view term : splitTerms(text)) {
+    MatchLogicQuery group{CStringRef(term), std::nullopt};
+    if (term.find('|') != std::string_view::npos) {
+      std::vector<CStringRef> pieces;
+      std::size_t start = 0;
+      while (start <= term.size()) {
+        std::size_t end = term.find('|', start);
+        if (end == std::string_view::npos) end = term.size();
+        if (end > start) pieces.emplace_back(term.substr(start, end - start));
+        start = end + 1;
+      }
+      if (!pieces.empty()) group.orQuery = std::move(pieces);
+    }
+    groups.push_back(std::move(group));
+  }
+  return groups;
+}
+
+bool MatchLogic::matchesAll(const std::vector<MatchLogicQuery>& groups, const char* cmatchs) {
+  for (const auto& group : groups) {
+    if (!group.matches(cmatchs)) return false;
+  }
+  return true;
+}
+
+const char* findBytes(const char* begin, const char* end, std::string_view needle) {
+  if (needle.empty() || begin >= end) return nullptr;
+  return static_cast<const char*>(::memmem(begin, static_cast<std::size_t>(end - begin), needle.data(), needle.size()));
+}
+
+std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vector<MatchLogicQuery>& groups,
+                                    int64_t maxcount,
+                                    const std::function<bool(const FileTable&, std::size_t)>& admit) {
+  HitList hits;
+  auto examine = [&](uint32_t segment, uint32_t row) {
+    const FileTable& table = *segments[segment];
+    if (admit && !admit(table, row)) return;
+    if (!MatchLogic::matchesAll(groups, table.matchCString(row))) return;
+    hits.add(segments, segment, row);
+  };
+
+  // A count of 0 or less stops after the first record examined.
+  if (maxcount <= 0) {
+    for (uint32_t s = 0; s < segments.size(); ++s) {
+      if (segments[s]->empty()) continue;
+      examine(s, 0);
+      break;
+    }
+    return hits.take();
+  }
+  const std::size_t limit = static_cast<std::size_t>(maxcount);
+
+  Anchor anchor;
+  if (groups.empty()) {
+    for (uint32_t s = 0; s < segments.size() && hits.size() < limit; ++s) {
+      for (uint32_t r = 0; r < segments[s]->size() && hits.size() < limit; ++r) examine(s, r);
+    }
+    return hits.take();
+  }
+  if (!chooseAnchor(groups, anchor)) return {};
+
+  std::vector<const char*> next(anchor.needles.size());
+  for (uint32_t s = 0; s < segments.size() && hits.size() < limit; ++s) {
+    const FileTable& table = *segments[s];
+    std::string_view arena = table.arena();
+    const char* const begin = arena.data();
+    const char* const end = begin + arena.size();
+    const char* position = begin;
+    std::fill(next.begin(), next.end(), nullptr);
+    std::vector<bool> exhausted(anchor.needles.size(), false);
+    while (position < end && hits.size() < limit) {
+      const char* candidate = nullptr;
+      for (std::size_t k = 0; k < anchor.needles.size(); ++k) {
+        if (exhausted[k]) continue;
+        if (!next[k] || next[k] < position) {
+          next[k] = findBytes(position, end, anchor.needles[k]);
+          if (!next[k]) {
+            exhausted[k] = true;
+            continue;
+          }
+        }
+        if (!candidate || next[k] < candidate) candidate = next[k];
+      }
+      if (!candidate) break;
+      std::size_t row = table.recordAt(static_cast<std::size_t>(candidate - begin));
+      examine(s, static_cast<uint32_t>(row));
+      position = begin + table.textOffset(row + 1);
+    }
+  }
+  return hits.take();
+}
+
+}  // namespace quorvi

@@ -1,0 +1,150 @@
+// The scope scan over real folders: what is recorded, in which order, with
+// which match text.
+#include <unistd.h>
+
+#include "fileindex/match_text.h"
+#include "fileindex/scope_scan.h"
+#include "index_fixture.h"
+
+namespace quorvi::testing {
+namespace {
+
+class ScanTest : public ::testing::Test {
+ protected:
+  void SetUp() override { tree_.settings().set(Filter::kDidInitNodeModulesKey, true); }
+  std::vector<File> scan(const std::vector<std::string>& scopes) {
+    indexScopes(indexer_, scopes);
+    return allRecords(indexer_);
+  }
+  std::vector<std::string> relativePaths(const std::vector<File>& files) {
+    std::vector<std::string> paths;
+    for (const auto& f : files) paths.push_back(f.fileRefURL.path.substr(tree_.home().size() + 1));
+    return sorted(paths);
+  }
+  IndexTree tree_;
+  FileIndexer indexer_{tree_.environment()};
+};
+
+TEST_F(ScanTest, HiddenFilesOnlyInsideTheCloudDriveScopeAndPackageContentsNowhere) {
+  tree_.file("docs/a.txt");
+  tree_.file("docs/.hidden.txt");
+  tree_.file(".config/app.conf");
+  tree_.file("docs/Tool.app/Contents/Info.plist");
+  tree_.file("docs/node_modules/left/index.js");
+  tree_.file("docs/~$draft.docx");
+  tree_.file("Nextcloud/.sync.db");
+  tree_.file("Nextcloud/Shared.app/inner.txt");
+  tree_.file("Nextcloud/.notes/n.md");
+  auto files = scan({tree_.home() + "/docs", "~/Nextcloud/"});
+  EXPECT_EQ(relativePaths(files), (std::vector<std::string>{"Nextcloud/.notes", "Nextcloud/.notes/n.md",
+                                                            "Nextcloud/.sync.db", "Nextcloud/Shared.app",
+                                                            "docs/Tool.app", "docs/a.txt"}));
+  EXPECT_EQ(indexer_.searchScopes(), (std::vector<std::string>{tree_.home() + "/docs", tree_.home() + "/Nextcloud"}));
+}
+
+TEST_F(ScanTest, OverlappingScopesRecordEachFileOnce) {
+  tree_.file("work/a.txt");
+  tree_.file("work/inner/b.txt");
+  tree_.file("work/inner/deep/c.txt");
+  tree_.file("work/.hid/d.txt");
+  // Inner scope first, then the outer one, then a duplicate.
+  auto files = scan({tree_.home() + "/work/inner", tree_.home() + "/work", tree_.home() + "/work/"});
+  EXPECT_EQ(relativePaths(files),
+            (std::vector<std::string>{"work/a.txt", "work/inner", "work/inner/b.txt", "work/inner/deep",
+                                      "work/inner/deep/c.txt"}));
+  // Outer first, then inner: the same set.
+  auto again = scan({tree_.home() + "/work", tree_.home() + "/work/inner"});
+  EXPECT_EQ(relativePaths(again), relativePaths(files));
+}
+
+TEST_F(ScanTest, RecordsAreNewestFirstWithTheirTimesAndKinds) {
+  tree_.file("t/old.txt", 1.0e9);
+  tree_.file("t/new.txt", 1.7e9);
+  tree_.file("t/mid.txt", 1.4e9);
+  tree_.folder("t/dir", 1.5e9);
+  ::symlink((tree_.home() + "/t/dir").c_str(), (tree_.home() + "/t/link").c_str());
+  auto files = scan({tree_.home() + "/t"});
+  ASSERT_EQ(files.size(), 5u);
+  for (std::size_t i = 1; i < files.size(); ++i) EXPECT_GE(files[i - 1], files[i]);
+  EXPECT_EQ(files[files.size() - 1].nameOfDisplay, "old.txt");
+  EXPECT_EQ(files[files.size() - 1].lastUsedTimestamp, 1.0e9);
+  for (const auto& f : files) {
+    EXPECT_EQ(f.isDirectory, f.nameOfDisplay == "dir" || f.nameOfDisplay == "link") << f.nameOfDisplay;
+  }
+  auto state = indexer_.state();
+  ASSERT_TRUE(state.indexResultDescription);
+  EXPECT_EQ(state.indexResultDescription->countOfFiles, 5);
+  EXPECT_TRUE(state.indexDescription->starts_with("#fs ends 5 in ")) << *state.indexDescription;
+}
+
+TEST_F(ScanTest, MatchTextHoldsTheLowerCasedNameAndPinyinForChineseNames) {
+  tree_.file("m/Quarterly REPORT.PDF");
+  tree_.file("m/报告2024.pdf");
+  tree_.file("m/Émile.txt");
+  auto files = scan({tree_.home() + "/m"});
+  std::map<std::string, std::string> matchOf;
+  for (const auto& f : files) matchOf[f.nameOfDisplay] = std::string(f.cmatchs.view());
+  EXPECT_EQ(matchOf["Quarterly REPORT.PDF"], "quarterly report.pdf");
+  EXPECT_EQ(matchOf["Émile.txt"], "émile.txt");
+  const std::string chinese = matchOf["报告2024.pdf"];
+  EXPECT_TRUE(chinese.starts_with("报告2024.pdf ")) << chinese;
+  EXPECT_NE(chinese.find("baogao2024.pdf"), std::string::npos) << chinese;
+  EXPECT_NE(chinese.find(" bg"), std::string::npos) << chinese;
+  EXPECT_EQ(namesOf(indexer_.searchFiles("baogao", 10)), std::vector<std::string>{"报告2024.pdf"});
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report", 10)), std::vector<std::string>{"Quarterly REPORT.PDF"});
+}
+
+TEST_F(ScanTest, NamesThatAreNotUtf8AreFoundAndEncodeIntoValidJson) {
+  std::string raw = "caf\xE9-menu.txt";  // Latin-1 é
+  tree_.file("u/" + raw);
+  auto files = scan({tree_.home() + "/u"});
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(files[0].nameOfDisplay, raw);  // the real name, for the path
+  EXPECT_EQ(std::string(files[0].cmatchs.view()), "caf\xEF\xBF\xBD-menu.txt");
+  EXPECT_TRUE(isValidUtf8(files[0].cmatchs.view()));
+  auto hits = indexer_.searchFiles("menu", 10);
+  ASSERT_EQ(hits.size(), 1u);
+  EXPECT_TRUE(hits[0].fileRefURL.isReachable());
+  Json array = Json::array({FileBridge::from(hits[0]).toJson()});
+  auto bytes = encodeJson(array);
+  ASSERT_TRUE(bytes);
+  EXPECT_TRUE(isValidUtf8(*bytes));
+  EXPECT_NE(bytes->find("caf\xEF\xBF\xBD-menu.txt"), std::string::npos);
+}
+
+TEST_F(ScanTest, AddAndRemoveScopesWithTildeAndThePlainPrefixRule) {
+  tree_.file("a/one.txt");
+  tree_.file("ab/two.txt");
+  tree_.file("c/three.txt");
+  indexScopes(indexer_, {"~/a"});
+  onMain([&] { indexer_.addSearchScopes({"~/ab", "~/a", "~/c"}); });
+  indexer_.waitForPendingChanges();
+  EXPECT_EQ(indexer_.searchScopes(),
+            (std::vector<std::string>{tree_.home() + "/a", tree_.home() + "/ab", tree_.home() + "/c"}));
+  EXPECT_EQ(sorted(namesOf(allRecords(indexer_))), (std::vector<std::string>{"one.txt", "three.txt", "two.txt"}));
+  EXPECT_EQ(indexer_.state().indexResultDescription->countOfFiles, 3);
+  // Removing ~/a also drops ~/ab's records (string prefix), not ~/c's.
+  onMain([&] { indexer_.removeSearchScopes({"~/a"}); });
+  indexer_.waitForPendingChanges();
+  EXPECT_EQ(sorted(namesOf(allRecords(indexer_))), (std::vector<std::string>{"three.txt"}));
+  EXPECT_EQ(indexer_.searchScopes(), (std::vector<std::string>{tree_.home() + "/ab", tree_.home() + "/c"}));
+  // Adding a scope around indexed ones records nothing twice: ~/c's file is
+  // not recorded again, and neither is ~/ab's (still a scope, though its
+  // records went with ~/a).
+  onMain([&] { indexer_.addSearchScopes({"~"}); });
+  indexer_.waitForPendingChanges();
+  EXPECT_EQ(sorted(namesOf(allRecords(indexer_))),
+            (std::vector<std::string>{"a", "ab", "c", "one.txt", "three.txt"}));
+}
+
+TEST_F(ScanTest, CallsOffTheMainThreadDoNothing) {
+  tree_.file("x/a.txt");
+  indexer_.startIndexing({tree_.home() + "/x"});
+  indexer_.waitForPendingChanges();
+  EXPECT_FALSE(indexer_.state().isIndexing);
+  EXPECT_FALSE(indexer_.state().indexResultDescription);
+  EXPECT_TRUE(indexer_.isEmpty());
+}
+
+}  // namespace
+}  // namespace quorvi::testing

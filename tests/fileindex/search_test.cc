@@ -1,0 +1,187 @@
+// Keyword search: parsing, the match loop and its count rules, dedupe, the
+// post-check with stale repair, and the directory restriction.
+#include <unistd.h>
+
+#include <random>
+
+#include "fileindex/match_logic.h"
+#include "index_fixture.h"
+
+namespace quorvi::testing {
+namespace {
+
+std::vector<std::string> texts(const std::vector<CStringRef>& list) {
+  std::vector<std::string> out;
+  for (const auto& c : list) out.emplace_back(c.view());
+  return out;
+}
+
+TEST(QueryParsing, TermsAlternativesBarsAndWhiteSpace) {
+  auto groups = MatchLogic::parse("report 2023|2024");
+  ASSERT_EQ(groups.size(), 2u);
+  EXPECT_EQ(groups[0].andQuery.view(), "report");
+  EXPECT_FALSE(groups[0].orQuery);
+  EXPECT_EQ(groups[1].andQuery.view(), "2023|2024");
+  EXPECT_EQ(texts(*groups[1].orQuery), (std::vector<std::string>{"2023", "2024"}));
+  // The fullwidth bar is the same separator.
+  auto wide = MatchLogic::parse("a\xEF\xBD\x9C" "b");
+  ASSERT_EQ(wide.size(), 1u);
+  EXPECT_EQ(texts(*wide[0].orQuery), (std::vector<std::string>{"a", "b"}));
+  // "a|" keeps one alternative; a lone bar keeps none and is the literal byte.
+  EXPECT_EQ(texts(*MatchLogic::parse("a|")[0].orQuery), std::vector<std::string>{"a"});
+  auto bar = MatchLogic::parse("||");
+  ASSERT_EQ(bar.size(), 1u);
+  EXPECT_FALSE(bar[0].orQuery);
+  EXPECT_EQ(bar[0].andQuery.view(), "||");
+  // Tabs, ideographic and no-break spaces split; line breaks do not.
+  auto spaced = MatchLogic::parse(" a\tb\xE3\x80\x80" "c\xC2\xA0" "d\ne ");
+  std::vector<std::string> terms;
+  for (const auto& g : spaced) terms.emplace_back(g.andQuery.view());
+  EXPECT_EQ(terms, (std::vector<std::string>{"a", "b", "c", "d\ne"}));
+  EXPECT_TRUE(MatchLogic::parse(" \t\xE3\x80\x80 ").empty());
+  // Case is kept as typed.
+  EXPECT_EQ(MatchLogic::parse("ABC")[0].andQuery.view(), "ABC");
+}
+
+class SearchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tree_.settings().set(Filter::kDidInitNodeModulesKey, true);
+    // Newest first: names carry their rank.
+    tree_.file("s/r1-report-2024.txt", 1.9e9);
+    tree_.file("s/r2-report-2023.txt", 1.8e9);
+    tree_.file("s/r3-notes.txt", 1.7e9);
+    tree_.file("s/r4-report-draft.txt", 1.6e9);
+    tree_.folder("s/r5-reports", 1.5e9);
+    tree_.file("s/x/r6-in-x.txt", 1.4e9);
+    tree_.file("s/xy/r7-in-xy.txt", 1.3e9);
+    tree_.folder("s/x", 1.2e9);
+    tree_.folder("s/xy", 1.1e9);
+    tree_.folder("s", 1.0e9);
+    indexScopes(indexer_, {tree_.home() + "/s"});
+  }
+  IndexTree tree_;
+  FileIndexer indexer_{tree_.environment()};
+};
+
+TEST_F(SearchTest, AndOrGroupsInIndexOrder) {
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report", 100)),
+            (std::vector<std::string>{"r1-report-2024.txt", "r2-report-2023.txt", "r4-report-draft.txt",
+                                      "r5-reports"}));
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report 2023|draft", 100)),
+            (std::vector<std::string>{"r2-report-2023.txt", "r4-report-draft.txt"}));
+  EXPECT_EQ(namesOf(indexer_.searchFiles("2024\xEF\xBD\x9Cnotes .txt", 100)),
+            (std::vector<std::string>{"r1-report-2024.txt", "r3-notes.txt"}));
+  EXPECT_TRUE(indexer_.searchFiles("report missing", 100).empty());
+  EXPECT_TRUE(indexer_.searchFiles("REPORT", 100).empty());  // no folding in the matcher
+  EXPECT_EQ(indexer_.searchFiles("   ", 100).size(), 9u);     // white space matches all
+  EXPECT_EQ(namesOf(indexer_.searchFolders("report", 100)), std::vector<std::string>{"r5-reports"});
+  EXPECT_TRUE(indexer_.searchFolders("", 100).empty());
+}
+
+TEST_F(SearchTest, MaxcountCutsAfterEachRecordAndZeroOrNegativeExamineOnlyTheFirst) {
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report", 2)),
+            (std::vector<std::string>{"r1-report-2024.txt", "r2-report-2023.txt"}));
+  for (int64_t count : {int64_t{0}, int64_t{-1}, INT64_MIN}) {
+    // The first record matches "r1" and is the one hit; "notes" lies further on.
+    EXPECT_EQ(namesOf(indexer_.searchFiles("r1", count)), std::vector<std::string>{"r1-report-2024.txt"});
+    EXPECT_TRUE(indexer_.searchFiles("notes", count).empty());
+    EXPECT_EQ(indexer_.searchFiles("", count).size(), 1u);
+  }
+  EXPECT_EQ(indexer_.searchFiles("", INT64_MAX).size(), 9u);
+}
+
+TEST_F(SearchTest, DirectoryRestrictionDoesNotLeakIntoSiblingsWithTheSamePrefix) {
+  const std::string x = tree_.home() + "/s/x";
+  EXPECT_EQ(namesOf(indexer_.searchFiles(x, "r", 100)), std::vector<std::string>{"r6-in-x.txt"});
+  EXPECT_EQ(namesOf(indexer_.searchFiles(x + "/", "r", 100)), std::vector<std::string>{"r6-in-x.txt"});
+  EXPECT_EQ(namesOf(indexer_.searchFiles(tree_.home() + "/s/xy", "", 100)), std::vector<std::string>{"r7-in-xy.txt"});
+  EXPECT_TRUE(indexer_.searchFiles("", "r", 100).empty());
+  EXPECT_TRUE(indexer_.containsFile(x + "/r6-in-x.txt"));
+  EXPECT_FALSE(indexer_.containsFile(x + "/r7-in-xy.txt"));
+  EXPECT_FALSE(indexer_.containsFile(""));
+}
+
+TEST_F(SearchTest, HardLinksToOneFileGiveOneHit) {
+  ASSERT_EQ(::link((tree_.home() + "/s/r3-notes.txt").c_str(), (tree_.home() + "/s/r3-notes-copy.txt").c_str()), 0);
+  indexScopes(indexer_, {tree_.home() + "/s"});
+  EXPECT_EQ(allRecords(indexer_).size(), 10u);
+  EXPECT_EQ(indexer_.searchFiles("notes", 100).size(), 1u);
+}
+
+TEST_F(SearchTest, GoneFilesAreDroppedAndIgnoredOnesAreRemovedFromTheIndex) {
+  // Gone: not returned, but not repaired here either.
+  ::unlink((tree_.home() + "/s/r4-report-draft.txt").c_str());
+  EXPECT_EQ(namesOf(indexer_.searchFiles("draft", 100)), std::vector<std::string>{});
+  indexer_.waitForPendingChanges();
+  EXPECT_EQ(allRecords(indexer_).size(), 9u);
+  // Ignored after indexing: dropped and removed in the background.
+  tree_.writePreferences(R"({"ignoreKeywords": ["2023"]})");
+  onMain([&] { indexer_.addSearchScopes({}); });  // rebuilds the filter
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report", 100)),
+            (std::vector<std::string>{"r1-report-2024.txt", "r5-reports"}));
+  indexer_.waitForPendingChanges();
+  EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/s/r2-report-2023.txt"));
+  EXPECT_EQ(allRecords(indexer_).size(), 8u);
+  EXPECT_EQ(indexer_.performanceSnapshot().staleRecordsRemoved, 1);
+}
+
+TEST(TrashSearch, HitsInTheTrashAreNeitherReturnedNorKept) {
+  IndexTree tree;
+  FileIndexer indexer(tree.environment());
+  tree.file(".local/share/Trash/files/old-plan.txt");
+  tree.file("Nextcloud/.Trash/old-draft.txt");
+  indexScopes(indexer, {"~/.local/share/Trash/files", "~/Nextcloud"});
+  EXPECT_EQ(allRecords(indexer).size(), 3u);  // the two files and Nextcloud/.Trash
+  EXPECT_TRUE(indexer.searchFiles("old", 100).empty());
+  indexer.waitForPendingChanges();
+  EXPECT_EQ(namesOf(allRecords(indexer)), std::vector<std::string>{".Trash"});
+}
+
+// The fast loop must answer exactly what testing every record in turn does.
+TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
+  IndexTree tree;
+  tree.settings().set(Filter::kDidInitNodeModulesKey, true);
+  std::mt19937 random(7);
+  const char* words[] = {"ab", "abc", "b", "report", "rep", "2024", "x|y", "ort", "a", "zz"};
+  for (int i = 0; i < 300; ++i) {
+    std::string name;
+    for (int k = 0; k < 3; ++k) name += std::string(words[random() % 10]).substr(0, 3) + (k < 2 ? "-" : "");
+    name.erase(std::remove(name.begin(), name.end(), '|'), name.end());
+    tree.file("r/" + std::to_string(i % 7) + "/" + name + std::to_string(i), 1.0e9 + double(random() % 5) * 1e6);
+  }
+  FileIndexer indexer(tree.environment());
+  indexScopes(indexer, {tree.home() + "/r"});
+  onMain([&] { indexer.addSearchScopes({tree.home() + "/r/3"}); });  // covered already: adds nothing
+  indexer.waitForPendingChanges();
+  FileSegments segments = indexer.fileRef().copy();
+  for (int q = 0; q < 400; ++q) {
+    std::string query;
+    int terms = static_cast<int>(random() % 3);
+    for (int t = 0; t < terms; ++t) query += std::string(words[random() % 10]) + (random() % 2 ? " " : "|");
+    int64_t maxcount = static_cast<int64_t>(random() % 40) - 5;
+    auto groups = MatchLogic::parse(query);
+    std::vector<std::pair<uint32_t, uint32_t>> expected;
+    std::vector<uint64_t> seen;
+    bool stop = false;
+    for (uint32_t s = 0; s < segments.size() && !stop; ++s) {
+      for (uint32_t r = 0; r < segments[s]->size(); ++r) {
+        if (MatchLogic::matchesAll(groups, segments[s]->matchCString(r)) &&
+            std::find(seen.begin(), seen.end(), segments[s]->inode(r)) == seen.end()) {
+          expected.emplace_back(s, r);
+          seen.push_back(segments[s]->inode(r));
+        }
+        if (static_cast<int64_t>(expected.size()) >= maxcount) {
+          stop = true;
+          break;
+        }
+      }
+    }
+    std::vector<std::pair<uint32_t, uint32_t>> actual;
+    for (const auto& hit : runMatchLoop(segments, groups, maxcount, nullptr)) actual.emplace_back(hit.segment, hit.row);
+    ASSERT_EQ(actual, expected) << "query '" << query << "' maxcount " << maxcount;
+  }
+}
+
+}  // namespace
+}  // namespace quorvi::testing
