@@ -4,7 +4,8 @@
 // tools/pinyin/make_polyphone_table.py from the Unihan readings.
 //
 // Format: one JSON object whose keys are single characters U+4E00..U+9FA5
-// and whose values are non-empty arrays of toneless readings in ASCII letters,
+// and whose values are non-empty arrays of toneless readings in ASCII letters
+// (ü written u, as ICU's Latin-ASCII transform writes it), most frequent first,
 // e.g. {"行":["xing","hang","heng"]}. A file that does not read as exactly
 // that is rejected as a whole, and the mapper then works without the table.
 #pragma once
