@@ -87,8 +87,8 @@ TEST(PinyinMapperTest, PolyphonesGiveTheUsualReadings) {
   EXPECT_TRUE(contains(bank.initials, "yh"));
   EXPECT_TRUE(contains(bank.initials, "yx"));
   PinyinForms city = mapper.map("重庆旅游攻略");
-  EXPECT_TRUE(contains(city.fullPinyins, "chongqinglvyougonglve") ||
-              contains(city.fullPinyins, "chongqingluyougonglue"));
+  EXPECT_TRUE(contains(mapper.map("重庆").fullPinyins, "chongqing"));
+  EXPECT_TRUE(contains(city.fullPinyins, "chongqingluyougonglue"));
   EXPECT_TRUE(contains(city.initials, "cqlygl"));
   EXPECT_TRUE(contains(mapper.map("长城").fullPinyins, "changcheng"));
   EXPECT_TRUE(contains(mapper.map("音乐").fullPinyins, "yinyue"));
