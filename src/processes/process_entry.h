@@ -30,8 +30,8 @@ struct ProcessEntry {
   std::optional<std::string> bundleIdentifier;  // the desktop file id of an application
   std::optional<int64_t> port;
   // Search keys: the pid in decimal, then lowercased names (the process
-  // name, the executable's file name, an application's name and its desktop
-  // id) and the port when there is one.
+  // name, the executable's file name, an application's name, the pinyin
+  // forms of a Chinese name, and its desktop id) and the port when there is one.
   std::vector<std::string> matchs;
 };
 

@@ -4,6 +4,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "pinyin/pinyin_mapper.h"
 #include "processes/text_util.h"
 
 namespace quorvi {
@@ -43,6 +44,11 @@ ProcessEntry applicationEntry(ProcessEntry entry, const DesktopApplication& appl
   entry.path = application.filePath;
   entry.bundleIdentifier = application.desktopId;
   addMatch(entry.matchs, text::asciiLowercase(application.name));
+  if (PinyinMapper::containsChinese(application.name)) {  // "wjgl" finds 文件管理
+    auto forms = PinyinMapper::shared().map(application.name);
+    for (auto& form : forms.fullPinyins) addMatch(entry.matchs, std::move(form));
+    for (auto& form : forms.initials) addMatch(entry.matchs, std::move(form));
+  }
   std::string id = application.desktopId;
   if (id.ends_with(".desktop")) id.resize(id.size() - 8);
   addMatch(entry.matchs, text::asciiLowercase(id));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -114,6 +115,15 @@ TEST(FetcherSteps, RegularApplications) {
   EXPECT_EQ(normal[1].bundleIdentifier, "org.example.Editor.desktop");
   EXPECT_EQ(normal[1].path, "/usr/share/applications/org.example.Editor.desktop");
   EXPECT_EQ(normal[1].matchs, (std::vector<std::string>{"10", "editor", "org.example.editor"}));
+
+  // A Chinese name is found by its pinyin too.
+  apps[0].name = "文本编辑器";
+  auto chinese = regularApplicationEntries(all, apps);
+  ASSERT_EQ(chinese.size(), 3u);
+  const auto& keys = chinese[2].matchs;
+  EXPECT_EQ(chinese[2].name, "文本编辑器");
+  EXPECT_NE(std::find(keys.begin(), keys.end(), "wenbenbianjiqi"), keys.end());
+  EXPECT_NE(std::find(keys.begin(), keys.end(), "wbbjq"), keys.end());
 }
 
 TEST(DesktopEntries, KeyFileReading) {
@@ -241,7 +251,8 @@ TEST_F(FetchTest, ToolSourcesFindTheSame) {
 
 TEST(RunningProcessesRequest, ReplyIsTheRecordAsJson) {
   ListeningChild child("quorvi reply");
-  ASSERT_TRUE(child.ok());
+  ListeningChild oddName("odd\xff\xfename");  // command names are bytes, not always UTF-8
+  ASSERT_TRUE(child.ok() && oddName.ok());
   std::vector<ReplyValue> values;
   ServiceProvider::shared().getRunningProcessesWithCompletion(
       Reply([&](std::vector<ReplyValue> sent) { values = std::move(sent); }));
@@ -264,6 +275,11 @@ TEST(RunningProcessesRequest, ReplyIsTheRecordAsJson) {
   EXPECT_EQ((*port)["name"], "quorvi reply");
   EXPECT_TRUE((*port)["mem"].is_number_integer());
   EXPECT_TRUE((*port)["cpu"].is_string());
+  bool oddNameListed = false;
+  for (const auto& e : document["allProcesses"]) {
+    if (e["pid"] == oddName.pid()) oddNameListed = e["name"] == "odd\uFFFD\uFFFDname";
+  }
+  EXPECT_TRUE(oddNameListed);
 }
 
 }  // namespace
