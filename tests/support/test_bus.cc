@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -97,7 +98,12 @@ TestBus::TestBus() {
   }
   std::string out;
   char buffer[512];
-  for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
+  // The forked daemon keeps the pipe open: read its two lines, not to the end.
+  while (std::count(out.begin(), out.end(), '\n') < 2) {
+    ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+    if (n <= 0) break;
+    out.append(buffer, n);
+  }
   ::close(fds[0]);
   int status;
   ::waitpid(launcher, &status, 0);
