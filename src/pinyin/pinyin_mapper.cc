@@ -36,6 +36,13 @@ constexpr std::pair<std::string_view, std::string_view> kCommonWordReplacements[
 // More strings than this and later segments add only their first reading.
 constexpr std::size_t kCombinationLimit = 3;
 
+bool holdsCommonWord(std::string_view name) {
+  for (const auto& [word, replacement] : kCommonWordReplacements) {
+    if (name.find(word) != std::string_view::npos) return true;
+  }
+  return false;
+}
+
 std::string withCommonWordsReplaced(std::string_view name) {
   std::string text(name);
   for (const auto& [word, replacement] : kCommonWordReplacements) {
@@ -86,6 +93,12 @@ bool keepsAsInitial(char32_t c) {
 std::string initialsOf(std::string_view string) {
   std::string initials;
   for (std::size_t offset = 0; offset < string.size();) {
+    const auto byte = static_cast<unsigned char>(string[offset]);
+    if (byte < 0x80) {  // most of every string: capitals of syllables, digits, ASCII text
+      if (keepsAsInitial(byte)) initials.push_back(static_cast<char>(byte));
+      ++offset;
+      continue;
+    }
     Utf8Step step = decodeUtf8(string, offset);
     if (step.valid && keepsAsInitial(step.codePoint)) initials.append(string.substr(offset, step.length));
     offset += step.length;
@@ -97,11 +110,33 @@ void appendUnique(std::vector<std::string>& list, std::string value) {
   if (std::find(list.begin(), list.end(), value) == list.end()) list.push_back(std::move(value));
 }
 
+// The lowercase string and its initials in one pass; false (and nothing
+// written) when the string is not all ASCII.
+bool asciiFormsOf(std::string_view string, std::string& full, std::string& initials) {
+  for (unsigned char c : string) {
+    if (c >= 0x80) return false;
+  }
+  full.resize(string.size());
+  for (std::size_t i = 0; i < string.size(); ++i) {
+    const char c = string[i];
+    const bool capital = c >= 'A' && c <= 'Z';
+    full[i] = capital ? static_cast<char>(c + 32) : c;
+    if (capital || (c >= '0' && c <= '9')) initials.push_back(full[i]);
+  }
+  return true;
+}
+
 PinyinForms formsOf(const std::vector<std::string>& strings) {
   PinyinForms forms;
+  forms.fullPinyins.reserve(strings.size());
   for (const auto& string : strings) {
-    appendUnique(forms.fullPinyins, lowercased(string));
-    appendUnique(forms.initials, lowercased(initialsOf(string)));
+    std::string full, initials;
+    if (!asciiFormsOf(string, full, initials)) {
+      full = lowercased(string);
+      initials = lowercased(initialsOf(string));
+    }
+    appendUnique(forms.fullPinyins, std::move(full));
+    appendUnique(forms.initials, std::move(initials));
   }
   return forms;
 }
@@ -172,7 +207,9 @@ PinyinForms PinyinMapper::map(std::string_view name) const {
     if (name == common.name) return {{std::string(common.fullPinyin)}, {std::string(common.initials)}};
   }
   if (!containsChinese(name)) return {};
-  const std::string text = withCommonWordsReplaced(name);
+  std::string replaced;
+  std::string_view text = name;
+  if (holdsCommonWord(name)) text = replaced = withCommonWordsReplaced(name);
   Combinations combinations;
   std::size_t pendingStart = 0;
   std::size_t offset = 0;
@@ -183,13 +220,13 @@ PinyinForms PinyinMapper::map(std::string_view name) const {
     }
     Utf8Step step = decodeUtf8(text, offset);
     if (step.valid && isChineseCodePoint(step.codePoint)) {
-      combinations.addPlainText(std::string_view(text).substr(pendingStart, offset - pendingStart));
+      combinations.addPlainText(text.substr(pendingStart, offset - pendingStart));
       combinations.addAlternatives(readingsOf(step.codePoint));
       pendingStart = offset + step.length;
     }
     offset += step.length;
   }
-  combinations.addPlainText(std::string_view(text).substr(pendingStart));
+  combinations.addPlainText(text.substr(pendingStart));
   return formsOf(combinations.strings());
 }
 
