@@ -362,7 +362,7 @@ bool FileIndexer::containsFile(std::string_view path) const {
   FileSegments segments = fileRef_.copy();
   for (const auto& table : segments) {
     for (std::size_t row = 0; row < table->size(); ++row) {
-      if (table->name(row) == name && table->path(row) == path) return true;
+      if (table->nameEquals(row, name) && table->path(row) == path) return true;
     }
   }
   return false;
@@ -375,7 +375,7 @@ std::vector<File> FileIndexer::filesNamed(const std::vector<std::string>& suffix
     const FileTable& table = *segments[s];
     for (uint32_t row = 0; row < table.size(); ++row) {
       if (table.isDirectory(row) ? !folders : !files) continue;
-      std::string_view name = table.name(row);
+      std::string name = table.name(row);
       for (const auto& suffix : suffixes) {
         if (hasSuffixIgnoringCase(name, suffix)) {
           hits.push_back({s, row});

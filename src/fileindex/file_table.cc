@@ -82,11 +82,69 @@ void FolderTree::shrink() {
   names_.shrink_to_fit();
 }
 
-std::string_view FileTable::name(std::size_t i) const {
-  if (flags_[i] & kNameIsMatchText) return matchText(i);
-  auto it = std::lower_bound(separateNames_.begin(), separateNames_.end(), std::make_pair(static_cast<uint32_t>(i), 0u));
-  if (it == separateNames_.end() || it->first != i) return matchText(i);
-  return std::string_view(names_.data() + it->second);
+namespace {
+
+bool isAsciiUpper(char c) { return c >= 'A' && c <= 'Z'; }
+
+// The lower case of a name when it differs from the name in ASCII letters
+// only: the name can then be rebuilt from its lower case and the positions
+// of its upper-case letters.
+bool lowersByAsciiOnly(std::string_view name, std::string_view text, std::size_t& upperCount) {
+  if (name.size() > 255 || text.size() < name.size()) return false;
+  if (text.size() > name.size() && text[name.size()] != ' ') return false;
+  upperCount = 0;
+  for (std::size_t k = 0; k < name.size(); ++k) {
+    char c = name[k];
+    if (isAsciiUpper(c)) {
+      if (text[k] != c + 32) return false;
+      ++upperCount;
+    } else if (text[k] != c) {
+      return false;
+    }
+  }
+  return upperCount <= 255;
+}
+
+uint32_t clampedSeconds(double seconds) {
+  if (!(seconds > 0)) return 0;
+  if (seconds >= 4294967295.0) return UINT32_MAX;
+  return static_cast<uint32_t>(seconds);
+}
+
+}  // namespace
+
+std::string FileTable::name(std::size_t i) const {
+  std::string_view text = matchText(i);
+  if (flags_[i] & kNameIsMatchText) return std::string(text);
+  const char* extra = matchCString(i) + text.size() + 1;
+  const char* regionEnd = arena_.data() + textOffset_[i + 1];
+  if (flags_[i] & kNameFromMask) {
+    auto length = static_cast<uint8_t>(extra[0]);
+    auto count = static_cast<uint8_t>(extra[1]);
+    std::string name(text.substr(0, length));
+    for (std::size_t k = 0; k < count; ++k) {
+      auto at = static_cast<uint8_t>(extra[2 + k]);
+      if (at < name.size()) name[at] = static_cast<char>(name[at] - 32);
+    }
+    return name;
+  }
+  return std::string(extra, static_cast<std::size_t>(regionEnd - extra));
+}
+
+bool FileTable::nameEquals(std::size_t i, std::string_view candidate) const {
+  if (flags_[i] & kNameIsMatchText) return matchText(i) == candidate;
+  if (flags_[i] & kNameFromMask) {
+    const char* text = matchCString(i);
+    const char* extra = text + std::strlen(text) + 1;
+    if (static_cast<uint8_t>(extra[0]) != candidate.size()) return false;
+    // Equal ignoring ASCII case first; the exact name only then.
+    for (std::size_t k = 0; k < candidate.size(); ++k) {
+      char c = candidate[k];
+      if (isAsciiUpper(c)) c = static_cast<char>(c + 32);
+      if (text[k] != c) return false;
+    }
+  }
+  return name(i) == candidate;
 }
 
 std::string FileTable::path(std::size_t i) const {
@@ -98,7 +156,7 @@ std::string FileTable::path(std::size_t i) const {
 
 File FileTable::file(std::size_t i) const {
   File file;
-  file.nameOfDisplay = std::string(name(i));
+  file.nameOfDisplay = name(i);
   file.fileRefURL = reference(i);
   file.isDirectory = isDirectory(i);
   file.lastUsedTimestamp = lastUsed_[i];
@@ -112,9 +170,9 @@ std::size_t FileTable::recordAt(std::size_t arenaOffset) const {
 }
 
 std::size_t FileTable::bytesUsed() const {
-  return arena_.capacity() + textOffset_.capacity() * 4 + lastUsed_.capacity() * 8 + inode_.capacity() * 8 +
-         folder_.capacity() * 4 + flags_.capacity() + device_.capacity() * 2 + devices_.capacity() * 8 +
-         separateNames_.capacity() * 8 + names_.capacity() + folders_->bytesUsed();
+  return arena_.capacity() + textOffset_.capacity() * 4 + lastUsed_.capacity() * 4 + inode_.capacity() * 4 +
+         inodeWide_.capacity() * 8 + folder_.capacity() * 4 + flags_.capacity() + device_.capacity() * 2 +
+         devices_.capacity() * 8 + folders_->bytesUsed();
 }
 
 FileTable::Builder::Builder(std::shared_ptr<const FolderTree> folders) : table_(std::make_shared<FileTable>()) {
@@ -152,34 +210,49 @@ void FileTable::Builder::append(const FileRow& row) {
   FileTable& t = *table_;
   // A C string ends at its first NUL; the arena must agree with strstr.
   std::string_view text = row.matchText.substr(0, row.matchText.find('\0'));
-  if (t.arena_.size() + text.size() + 1 > UINT32_MAX) return;  // beyond what offsets can address
-  uint32_t index = static_cast<uint32_t>(t.inode_.size());
+  if (t.arena_.size() + text.size() + row.name.size() + 260 > UINT32_MAX) return;  // beyond 32-bit offsets
   t.arena_.append(text);
   t.arena_.push_back('\0');
-  t.textOffset_.push_back(static_cast<uint32_t>(t.arena_.size()));
-  t.lastUsed_.push_back(row.lastUsedTimestamp);
-  t.inode_.push_back(row.inode);
-  t.folder_.push_back(row.folder);
   uint8_t flags = row.isDirectory ? kDirectory : 0;
+  std::size_t upperCount = 0;
   if (row.name == text) {
     flags |= kNameIsMatchText;
+  } else if (lowersByAsciiOnly(row.name, text, upperCount)) {
+    flags |= kNameFromMask;
+    t.arena_.push_back(static_cast<char>(row.name.size()));
+    t.arena_.push_back(static_cast<char>(upperCount));
+    for (std::size_t k = 0; k < row.name.size(); ++k) {
+      if (isAsciiUpper(row.name[k])) t.arena_.push_back(static_cast<char>(k));
+    }
   } else {
-    t.separateNames_.emplace_back(index, static_cast<uint32_t>(t.names_.size()));
-    t.names_.append(row.name);
-    t.names_.push_back('\0');
+    t.arena_.append(row.name);
   }
+  t.textOffset_.push_back(static_cast<uint32_t>(t.arena_.size()));
+  t.lastUsed_.push_back(clampedSeconds(row.lastUsedTimestamp));
+  if (t.inodeWide_.empty() && row.inode > UINT32_MAX) {
+    t.inodeWide_.assign(t.inode_.begin(), t.inode_.end());
+    t.inode_.clear();
+    t.inode_.shrink_to_fit();
+  }
+  if (t.inodeWide_.empty()) {
+    t.inode_.push_back(static_cast<uint32_t>(row.inode));
+  } else {
+    t.inodeWide_.push_back(row.inode);
+  }
+  t.folder_.push_back(row.folder);
   t.flags_.push_back(flags);
   t.device_.push_back(deviceIndex(row.device));
 }
 
 void FileTable::Builder::appendFrom(const FileTable& table, std::size_t i) {
+  std::string name = table.name(i);
   FileRow row;
   row.folder = table.folder_[i];
   row.lastUsedTimestamp = table.lastUsed_[i];
   row.device = table.device(i);
-  row.inode = table.inode_[i];
+  row.inode = table.inode(i);
   row.isDirectory = table.isDirectory(i);
-  row.name = table.name(i);
+  row.name = name;
   row.matchText = table.matchText(i);
   append(row);
 }
@@ -190,11 +263,10 @@ FileTableRef FileTable::Builder::finish() {
   t.textOffset_.shrink_to_fit();
   t.lastUsed_.shrink_to_fit();
   t.inode_.shrink_to_fit();
+  t.inodeWide_.shrink_to_fit();
   t.folder_.shrink_to_fit();
   t.flags_.shrink_to_fit();
   t.device_.shrink_to_fit();
-  t.separateNames_.shrink_to_fit();
-  t.names_.shrink_to_fit();
   FileTableRef done = std::move(table_);
   table_ = std::make_shared<FileTable>();
   table_->textOffset_.push_back(0);

@@ -4,13 +4,15 @@
 // time, match text) is about 150 bytes as separate objects; at a million
 // files that is most of a gigabyte. The table keeps the same records in
 // columns instead:
-//  - one arena of match texts, each NUL-terminated, in record order, so a
-//    search streams through contiguous memory and a hit's record is found
-//    from its offset;
-//  - fixed-size columns (text offset, time, inode, folder id, flags, device
-//    index): 27 bytes a record;
-//  - the display name only where it differs from the match text (upper-case
-//    letters, Chinese names, bytes that are not UTF-8), in a sparse side list;
+//  - one arena of per-record regions, in record order: the match text with
+//    its NUL, then, only when the display name cannot be read off the match
+//    text, what it takes to rebuild it (which letters were upper case, or the
+//    raw name when lower-casing changed more than ASCII letters). A search
+//    streams through contiguous memory and finds a hit's record from its
+//    offset; hits are always confirmed on the C string itself;
+//  - fixed-size columns: region offset, time (whole seconds), inode (32 bits
+//    unless some inode in the table needs 64), folder id, flags, device
+//    index: 19 bytes a record;
 //  - paths as a tree of folders (parent id + name), shared between tables.
 // Records keep the index's order (newest first after a run). A table never
 // changes once built: a change builds a new table and swaps it in, so a search
@@ -66,25 +68,25 @@ class FileTable {
  public:
   FileTable() : folders_(std::make_shared<FolderTree>()) {}
 
-  std::size_t size() const { return inode_.size(); }
-  bool empty() const { return inode_.empty(); }
+  std::size_t size() const { return flags_.size(); }
+  bool empty() const { return flags_.empty(); }
 
   const char* matchCString(std::size_t i) const { return arena_.data() + textOffset_[i]; }
-  std::string_view matchText(std::size_t i) const {
-    return std::string_view(arena_.data() + textOffset_[i], textOffset_[i + 1] - textOffset_[i] - 1);
-  }
-  std::string_view name(std::size_t i) const;
+  std::string_view matchText(std::size_t i) const { return std::string_view(matchCString(i)); }
+  std::string name(std::size_t i) const;
+  // name(i) == text, without building the name when it can be avoided.
+  bool nameEquals(std::size_t i, std::string_view text) const;
   std::string path(std::size_t i) const;
   uint32_t folderOf(std::size_t i) const { return folder_[i]; }
   bool isDirectory(std::size_t i) const { return flags_[i] & kDirectory; }
   double lastUsedTimestamp(std::size_t i) const { return lastUsed_[i]; }
+  uint64_t inode(std::size_t i) const { return inodeWide_.empty() ? inode_[i] : inodeWide_[i]; }
   uint64_t device(std::size_t i) const { return devices_[device_[i]]; }
-  uint64_t inode(std::size_t i) const { return inode_[i]; }
   FileReference reference(std::size_t i) const { return {device(i), inode(i), path(i)}; }
   File file(std::size_t i) const;
 
-  // The match texts back to back, each with its NUL; record i's text starts
-  // at textOffset(i). textOffset(size()) is the arena's length.
+  // The record regions back to back; record i's region (its match text
+  // first) starts at textOffset(i). textOffset(size()) is the arena's length.
   std::string_view arena() const { return std::string_view(arena_.data(), arena_.size()); }
   uint32_t textOffset(std::size_t i) const { return textOffset_[i]; }
   // The record whose text holds the arena offset.
@@ -98,20 +100,20 @@ class FileTable {
 
  private:
   static constexpr uint8_t kDirectory = 1;
-  static constexpr uint8_t kNameIsMatchText = 2;
+  static constexpr uint8_t kNameIsMatchText = 2;  // the match text is the name
+  static constexpr uint8_t kNameFromMask = 4;     // [length][count][upper-case positions] after the NUL
+                                                  // otherwise the raw name follows the NUL
 
   std::shared_ptr<const FolderTree> folders_;
   std::string arena_;
   std::vector<uint32_t> textOffset_;  // size()+1 entries
-  std::vector<double> lastUsed_;
-  std::vector<uint64_t> inode_;
+  std::vector<uint32_t> lastUsed_;    // seconds since 1970
+  std::vector<uint32_t> inode_;       // used while every inode fits
+  std::vector<uint64_t> inodeWide_;   // used once one does not
   std::vector<uint32_t> folder_;
   std::vector<uint8_t> flags_;
   std::vector<uint16_t> device_;      // index into devices_
   std::vector<uint64_t> devices_;
-  // Names that differ from their match text: (record, offset in names_).
-  std::vector<std::pair<uint32_t, uint32_t>> separateNames_;
-  std::string names_;
 };
 
 using FileTableRef = std::shared_ptr<const FileTable>;
@@ -123,7 +125,7 @@ class FileTable::Builder {
   void append(const FileRow& row);
   // Copies record i of another table that shares this builder's folder ids.
   void appendFrom(const FileTable& table, std::size_t i);
-  std::size_t size() const { return table_->inode_.size(); }
+  std::size_t size() const { return table_->flags_.size(); }
   FileTableRef finish();
 
  private:

@@ -43,7 +43,7 @@ std::size_t UnfairlockFileArray::removeByPrefixes(const std::vector<std::string>
       std::vector<std::string> folderPaths = table->folders().allPaths();
       table = tableWithout(table, [&](std::size_t i) {
         const std::string& folder = folderPaths[table->folderOf(i)];
-        std::string_view name = table->name(i);
+        std::string name = table->name(i);
         return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
           return joinedStartsWith(folder, name, prefix);
         });

@@ -185,3 +185,32 @@ TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
 
 }  // namespace
 }  // namespace quorvi::testing
+
+namespace quorvi::testing {
+namespace {
+
+// The vectorised substring search answers what std::string::find does, at
+// every length and alignment around its 64-byte steps, NULs included.
+TEST(FindBytes, AgreesWithStringFind) {
+  std::mt19937 random(11);
+  for (int round = 0; round < 3000; ++round) {
+    std::size_t length = random() % 300;
+    std::string text(length, 'a');
+    for (auto& c : text) c = "ab\0c"[random() % 4];
+    std::size_t size = 1 + random() % 6;
+    std::string needle(size, 'a');
+    for (auto& c : needle) c = "abc"[random() % 3];
+    std::size_t offset = length ? random() % (length + 1) : 0;
+    const char* found = findBytes(text.data() + offset, text.data() + length, needle);
+    std::size_t expected = text.find(needle, offset);
+    if (expected == std::string::npos) {
+      ASSERT_EQ(found, nullptr) << round;
+    } else {
+      ASSERT_NE(found, nullptr) << round;
+      ASSERT_EQ(static_cast<std::size_t>(found - text.data()), expected) << round;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quorvi::testing
