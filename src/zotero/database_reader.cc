@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -87,14 +88,17 @@ void readTables(sqlite3* db, ZoteroDatabase& out) {
     ZoteroItemAttachment row{intColumn(s, 0), textColumn(s, 1), textColumn(s, 2)};
     out.attachments[row.itemID] = std::move(row);
   });
-  runStatement(db, "SELECT * FROM itemDataValues;",
-               [&](sqlite3_stmt* s) { out.values[intColumn(s, 0)] = textColumn(s, 1); });
+  runStatement(db, "SELECT * FROM itemDataValues;", [&](sqlite3_stmt* s) {
+    const unsigned char* text = sqlite3_column_text(s, 1);
+    out.values.insert(intColumn(s, 0), text ? reinterpret_cast<const char*>(text) : "");
+  });
   runStatement(db, "SELECT * FROM fields;",
                [&](sqlite3_stmt* s) { out.fieldNames[intColumn(s, 0)] = textColumn(s, 1); });
   runStatement(db, "SELECT * FROM itemData;", [&](sqlite3_stmt* s) {
     ZoteroItemIdentifiers row{intColumn(s, 0), intColumn(s, 1), intColumn(s, 2)};
-    out.itemData[row.itemID].push_back(row);
+    out.itemData.add(row);
   });
+  out.itemData.finish();
   runStatement(db, "SELECT itemID, itemTypeID, dateModified, libraryID, key FROM items;", [&](sqlite3_stmt* s) {
     ZoteroItemRef row;
     const unsigned char* date = sqlite3_column_text(s, 2);
@@ -110,6 +114,17 @@ void readTables(sqlite3* db, ZoteroDatabase& out) {
 }
 
 }  // namespace
+
+void ZoteroItemDataRows::finish() {
+  auto byItem = [](const ZoteroItemIdentifiers& a, const ZoteroItemIdentifiers& b) { return a.itemID < b.itemID; };
+  if (!std::is_sorted(rows_.begin(), rows_.end(), byItem)) std::stable_sort(rows_.begin(), rows_.end(), byItem);
+}
+
+std::span<const ZoteroItemIdentifiers> ZoteroItemDataRows::rowsOf(int64_t itemID) const {
+  auto byItem = [](const ZoteroItemIdentifiers& a, const ZoteroItemIdentifiers& b) { return a.itemID < b.itemID; };
+  auto [first, last] = std::equal_range(rows_.begin(), rows_.end(), ZoteroItemIdentifiers{itemID, 0, 0}, byItem);
+  return {first, last};
+}
 
 std::optional<double> parseZoteroDate(const char* text) {
   if (!text) return std::nullopt;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -42,20 +43,40 @@ struct ZoteroGroup {
   std::vector<ZoteroEntry> entries;
 };
 
-struct ZoteroIndex {
-  std::vector<ZoteroGroup> groups;  // own library first, then by plain string order
-  std::unordered_map<int64_t, std::vector<ZoteroAttribute>> itemAttributes;
-};
-
 struct ZoteroTables {
   const StringTable& localizedCategories;
   const StringTable& localizedFields;
 };
 
-ZoteroIndex buildZoteroIndex(const ZoteroDatabase& database, const ZoteroTables& tables);
+// The field lists of the indexed items, for the preview pane. Keeps the rows
+// and value texts of the read (not one copy per attribute) and assembles an
+// item's list when asked.
+class ZoteroAttributeStore {
+ public:
+  // nullopt for an item that is not part of the index.
+  std::optional<std::vector<ZoteroAttribute>> attributesOf(int64_t itemID) const;
+
+ private:
+  friend class ZoteroIndexBuilder;
+  ZoteroTextMap values_;
+  ZoteroItemDataRows rows_;
+  std::unordered_map<int64_t, std::string> fieldKeys_;  // field id → key or raw name
+  std::vector<int64_t> indexedItems_;                   // sorted
+};
+
+struct ZoteroIndex {
+  Bytes groupsJSON;  // the JSON array of groups
+  std::size_t entryCount = 0;
+  ZoteroAttributeStore attributes;
+};
+
+// Joins one read into entries, writing the groups' JSON as it goes.
+ZoteroIndex buildZoteroIndex(ZoteroDatabase database, const ZoteroTables& tables);
 
 // JSON of the reply records, byte for byte what encodeJson() gives for the
 // same document, written directly because libraries run to 100,000 entries.
+void appendZoteroEntry(Bytes& out, const ZoteroEntry& entry);
+void appendZoteroString(Bytes& out, std::string_view text);
 Bytes encodeZoteroGroups(const std::vector<ZoteroGroup>& groups);
 Bytes encodeZoteroAttributes(const std::vector<ZoteroAttribute>& attributes);
 

@@ -69,13 +69,12 @@ ZoteroIndexer::IndexAnswer ZoteroIndexer::answer(const std::string& folder, bool
   ZoteroReadResult read = readZoteroDatabase(folder, workingDirectory);
   if (!read.database) return {std::nullopt, read.failure};
 
-  ZoteroIndex built = buildZoteroIndex(*read.database, {localizedCategories_, localizedFields_});
-  read.database.reset();
+  ZoteroIndex built = buildZoteroIndex(std::move(*read.database), {localizedCategories_, localizedFields_});
   auto result = std::make_shared<IndexResult>();
   result->zoteroLibraryPath = folder;
   result->timestamp = now;
-  result->groupsJSON = encodeZoteroGroups(built.groups);
-  result->itemAttributes = std::move(built.itemAttributes);
+  result->groupsJSON = std::move(built.groupsJSON);
+  result->itemAttributes = std::move(built.attributes);
   Bytes reply = result->groupsJSON;
   {
     std::lock_guard<std::mutex> state(stateMutex_);
@@ -108,9 +107,9 @@ OptionalBytes ZoteroIndexer::preview(int64_t itemID) const {
     cached = indexResult_;
   }
   if (!cached) return std::nullopt;
-  auto attributes = cached->itemAttributes.find(itemID);
-  if (attributes == cached->itemAttributes.end()) return std::nullopt;
-  return encodeZoteroAttributes(attributes->second);
+  auto attributes = cached->itemAttributes.attributesOf(itemID);
+  if (!attributes) return std::nullopt;
+  return encodeZoteroAttributes(*attributes);
 }
 
 bool ZoteroIndexer::hasCachedResult() const {

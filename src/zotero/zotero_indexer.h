@@ -50,7 +50,7 @@ class ZoteroIndexer : public std::enable_shared_from_this<ZoteroIndexer> {
     std::string zoteroLibraryPath;
     double timestamp = 0;  // seconds since 1970
     Bytes groupsJSON;      // the groups, encoded once
-    std::unordered_map<int64_t, std::vector<ZoteroAttribute>> itemAttributes;
+    ZoteroAttributeStore itemAttributes;
   };
 
   explicit ZoteroIndexer(Options options);

@@ -12,7 +12,7 @@ namespace {
 
 // True when every sequence is well-formed UTF-8 (no overlong forms, no
 // surrogates, nothing above U+10FFFF) and no byte needs a JSON escape.
-bool isPlain(const std::string& text) {
+bool isPlain(std::string_view text) {
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* end = p + text.size();
   while (p < end) {
@@ -46,14 +46,14 @@ bool isPlain(const std::string& text) {
   return true;
 }
 
-void appendString(Bytes& out, const std::string& text) {
+void appendString(Bytes& out, std::string_view text) {
   if (isPlain(text)) {
     out += '"';
     out += text;
     out += '"';
     return;
   }
-  out += encodeJson(Json(text)).value_or("\"\"");
+  out += encodeJson(Json(std::string(text))).value_or("\"\"");
 }
 
 void appendKey(Bytes& out, const char* key) {
@@ -77,7 +77,11 @@ void appendAttachment(Bytes& out, const ZoteroItemAttachment& attachment) {
   out += '}';
 }
 
-void appendEntry(Bytes& out, const ZoteroEntry& entry) {
+}  // namespace
+
+void appendZoteroString(Bytes& out, std::string_view text) { appendString(out, text); }
+
+void appendZoteroEntry(Bytes& out, const ZoteroEntry& entry) {
   out += '{';
   appendKey(out, "itemID");
   appendInteger(out, entry.itemID);
@@ -115,8 +119,6 @@ void appendEntry(Bytes& out, const ZoteroEntry& entry) {
   out += '}';
 }
 
-}  // namespace
-
 Bytes encodeZoteroGroups(const std::vector<ZoteroGroup>& groups) {
   size_t entryCount = 0;
   for (const auto& group : groups) entryCount += group.entries.size();
@@ -133,7 +135,7 @@ Bytes encodeZoteroGroups(const std::vector<ZoteroGroup>& groups) {
     out += '[';
     for (size_t e = 0; e < groups[g].entries.size(); ++e) {
       if (e) out += ',';
-      appendEntry(out, groups[g].entries[e]);
+      appendZoteroEntry(out, groups[g].entries[e]);
     }
     out += "]}";
   }

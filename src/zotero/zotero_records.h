@@ -5,10 +5,13 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
+
+#include "zotero/text_map.h"
 
 namespace quorvi {
 
@@ -48,17 +51,30 @@ struct ZoteroItemRef {
   std::string key;
 };
 
+// The itemData rows, grouped by item with each item's rows in table order.
+class ZoteroItemDataRows {
+ public:
+  void add(const ZoteroItemIdentifiers& row) { rows_.push_back(row); }
+  // Call once after the last add.
+  void finish();
+  std::span<const ZoteroItemIdentifiers> rowsOf(int64_t itemID) const;
+  std::size_t size() const { return rows_.size(); }
+
+ private:
+  std::vector<ZoteroItemIdentifiers> rows_;
+};
+
 // Everything read from one database. A table whose statement failed stays empty.
 struct ZoteroDatabase {
   std::vector<ZoteroItemRef> items;  // in the order of the items table
   std::unordered_map<int64_t, std::string> groupNames;     // library id → group name
   std::unordered_map<int64_t, std::string> itemTypeNames;  // item type id → type name
-  std::unordered_map<int64_t, std::string> values;         // value id → value text
+  ZoteroTextMap values;                                    // value id → value text
   std::unordered_map<int64_t, std::string> fieldNames;     // field id → field name
   std::unordered_map<int64_t, ZoteroItemAttachment> attachments;        // by item id
   std::unordered_map<int64_t, ZoteroCollectionItem> collectionItems;    // by item id (last row wins)
   std::unordered_map<int64_t, ZoteroCollection> collections;            // by collection id
-  std::unordered_map<int64_t, std::vector<ZoteroItemIdentifiers>> itemData;  // by item id, row order
+  ZoteroItemDataRows itemData;
   std::unordered_set<int64_t> deletedItemIDs;
 };
 

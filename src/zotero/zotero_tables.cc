@@ -1,6 +1,7 @@
 #include "zotero/zotero_tables.h"
 
 #include <cctype>
+#include <iterator>
 
 namespace quorvi {
 
@@ -93,6 +94,11 @@ StringTable makeFields() {
 const StringTable& zoteroLocalizedCategories() {
   static const StringTable* table = new StringTable(makeCategories());
   return *table;
+}
+
+const std::vector<std::string>& zoteroFieldNames() {
+  static const auto* names = new std::vector<std::string>(std::begin(kFieldNames), std::end(kFieldNames));
+  return *names;
 }
 
 const StringTable& zoteroLocalizedFields() {

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace quorvi {
 
@@ -16,6 +17,9 @@ const StringTable& zoteroLocalizedCategories();
 // Field name ("abstractNote") → localisation key ("ZOTERO_FIELD_ABSTRACTNOTE"),
 // for every field of current Zotero.
 const StringTable& zoteroLocalizedFields();
+// The names of those fields in the order of Zotero's schema (which numbers
+// them from 1 in libraries created since Zotero 5.0.78).
+const std::vector<std::string>& zoteroFieldNames();
 // True for the fields that stand for an item's title in its type: "title",
 // and "caseName", "nameOfAct", "subject" in cases, statutes and e-mails.
 bool isZoteroTitleField(std::string_view fieldName);

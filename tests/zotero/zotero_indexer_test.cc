@@ -84,6 +84,28 @@ TEST_F(IndexerTest, GroupsCollectionsAndTheirOrder) {
                                             "collectionPath", "collectionOrderIndex", "searchKeyword"}));
 }
 
+// Big libraries are joined in chunks on several threads; the reply must not show it.
+TEST_F(IndexerTest, LargeLibraryKeepsItemOrderAcrossChunks) {
+  ZoteroLibraryFixture library(folder);
+  int64_t group = library.addGroup(7, "Team");
+  library.exec("BEGIN;");
+  for (int i = 0; i < 20000; ++i)
+    library.addItem("book", {{"title", "Item " + std::to_string(i)}}, i % 3 == 0 ? group : 1);
+  library.exec("COMMIT;");
+  Json result = groups(folder);
+  ASSERT_EQ(result.size(), 2u);
+  EXPECT_EQ(result[0]["entries"].size(), 13333u);
+  EXPECT_EQ(result[1]["entries"].size(), 6667u);
+  for (const auto& group : result) {
+    int64_t previous = 0;
+    for (const auto& entry : group["entries"]) {
+      EXPECT_GT(entry["itemID"].get<int64_t>(), previous);
+      previous = entry["itemID"];
+    }
+  }
+  EXPECT_EQ(result[1]["entries"][6666]["title"], "Item 19998");
+}
+
 TEST_F(IndexerTest, SkippedItemsTypesAndAttachments) {
   ZoteroLibraryFixture library(folder);
   int64_t paper = library.addItem("journalArticle", {{"title", "Paper"}});

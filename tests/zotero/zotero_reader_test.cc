@@ -65,10 +65,37 @@ TEST_F(ReaderTest, ReadsRowsWithCollectionKeyFromLibraryDigits) {
   EXPECT_EQ(db.items[0].key, "ITEM2");
   EXPECT_EQ(db.items[0].libraryID, group);
   EXPECT_EQ(db.items[0].dateModified, 1709634030.0);  // 2024-03-05 10:20:30 UTC
-  ASSERT_EQ(db.itemData.at(item).size(), 2u);
-  EXPECT_EQ(db.values.at(db.itemData.at(item)[0].valueID), "Paper");
+  ASSERT_EQ(db.itemData.rowsOf(item).size(), 2u);
+  EXPECT_EQ(db.values.find(db.itemData.rowsOf(item)[0].valueID), "Paper");
   EXPECT_EQ(db.attachments.at(db.items[1].itemID).path, "storage:a.pdf");
   EXPECT_TRUE(db.deletedItemIDs.count(item));
+}
+
+// Values and itemData rows as Zotero leaves them after years of edits: ids
+// with gaps, huge and negative ids, a field added to an old item at the end.
+TEST(ZoteroTables, TextMapAndRowsKeepEveryId) {
+  ZoteroTextMap values;
+  values.insert(1, "one");
+  values.insert(3000000000, "far");
+  values.insert(-5, "negative");
+  values.insert(1, "replaced");
+  values.insert(70000, "");
+  EXPECT_EQ(values.find(1), "replaced");
+  EXPECT_EQ(values.find(3000000000), "far");
+  EXPECT_EQ(values.find(-5), "negative");
+  EXPECT_EQ(values.find(70000), "");
+  EXPECT_FALSE(values.find(2));
+  EXPECT_EQ(values.size(), 4u);
+
+  ZoteroItemDataRows rows;
+  for (auto row : {ZoteroItemIdentifiers{2, 1, 10}, {1, 1, 11}, {2, 5, 12}, {1, 3, 13}, {2, 2, 14}}) rows.add(row);
+  rows.finish();
+  auto second = rows.rowsOf(2);
+  ASSERT_EQ(second.size(), 3u);
+  EXPECT_EQ(second[0].valueID, 10);  // table order kept within an item
+  EXPECT_EQ(second[2].valueID, 14);
+  EXPECT_EQ(rows.rowsOf(1).size(), 2u);
+  EXPECT_TRUE(rows.rowsOf(3).empty());
 }
 
 TEST(ZoteroDate, ParsesOnlyTheZoteroFormat) {
@@ -107,7 +134,10 @@ TEST_F(ReaderTest, HotJournalIsRolledBackOnTheCopy) {
   library.exec("ROLLBACK;");
   ASSERT_TRUE(result.database) << result.failure;
   EXPECT_EQ(result.database->items.size(), 200u);
-  for (const auto& [id, value] : result.database->values) EXPECT_EQ(value.find("Uncommitted"), std::string::npos);
+  for (int64_t id = 0; id < 1000; ++id) {
+    auto value = result.database->values.find(id);
+    EXPECT_TRUE(!value || value->find("Uncommitted") == std::string::npos) << *value;
+  }
 }
 
 // Zotero 10 keeps recent commits in the write-ahead log until a checkpoint.
@@ -120,7 +150,7 @@ TEST_F(ReaderTest, WriteAheadLogIsCopiedAlong) {
   auto result = read();
   ASSERT_TRUE(result.database) << result.failure;
   ASSERT_EQ(result.database->items.size(), 1u);
-  EXPECT_EQ(result.database->values.begin()->second, "In the log");
+  EXPECT_EQ(result.database->values.find(1), "In the log");
   EXPECT_TRUE(fs::exists(library.databasePath() + "-wal"));  // the user's log stays
 }
 
