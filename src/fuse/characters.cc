@@ -1,11 +1,13 @@
 #include "fuse/characters.h"
 
 #include <unicode/brkiter.h>
+#include <unicode/uchar.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
 #include <unicode/utext.h>
 
+#include <bitset>
 #include <memory>
 
 namespace quorvi {
@@ -29,6 +31,49 @@ icu::BreakIterator* characterIterator() {
     return made;
   }();
   return iterator.get();
+}
+
+// Code points of the Basic Multilingual Plane that always stand alone as a
+// character: grapheme break class Other, Control or LF (not CR, which joins a
+// following LF). A text made only of these breaks between every code point, so
+// it needs no break iterator. Read from ICU's own property data.
+const std::bitset<0x10000>& standaloneCodePoints() {
+  static const auto* table = [] {
+    auto* bits = new std::bitset<0x10000>();
+    for (UChar32 c = 0; c < 0x10000; ++c) {
+      const int32_t kind = u_getIntPropertyValue(c, UCHAR_GRAPHEME_CLUSTER_BREAK);
+      if (c != '\r' && (kind == U_GCB_OTHER || kind == U_GCB_CONTROL || kind == U_GCB_LF)) bits->set(c);
+    }
+    return bits;
+  }();
+  return *table;
+}
+
+// Splits at every code point when each one stands alone; false otherwise.
+bool splitAtCodePoints(const std::string& text, std::vector<uint32_t>& offsets) {
+  const auto& standalone = standaloneCodePoints();
+  const std::size_t size = text.size();
+  for (std::size_t i = 0; i < size;) {
+    const unsigned char lead = static_cast<unsigned char>(text[i]);
+    uint32_t c;
+    std::size_t width;
+    if (lead < 0x80) {
+      c = lead, width = 1;
+    } else if ((lead & 0xE0) == 0xC0 && i + 1 < size) {
+      c = ((lead & 0x1Fu) << 6) | (static_cast<unsigned char>(text[i + 1]) & 0x3Fu), width = 2;
+    } else if ((lead & 0xF0) == 0xE0 && i + 2 < size) {
+      c = ((lead & 0x0Fu) << 12) | ((static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6) |
+          (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
+      width = 3;
+    } else {
+      return false;  // beyond the BMP (emoji, ...) or not well formed: ask ICU
+    }
+    if (!standalone.test(c)) return false;
+    offsets.push_back(static_cast<uint32_t>(i));
+    i += width;
+  }
+  offsets.push_back(static_cast<uint32_t>(size));
+  return true;
 }
 
 }  // namespace
@@ -56,6 +101,25 @@ void foldText(std::string_view text, bool lowercase, std::string& out) {
 }
 
 void CharacterString::assign(std::string_view text, bool lowercase) {
+  // ASCII, the common case, in one pass: copy, lower-case, look for CR.
+  text_.resize(text.size());
+  unsigned char seen = 0;
+  bool carriageReturn = false;
+  const unsigned char fold = lowercase ? 0x20 : 0;
+  const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
+  unsigned char* out = reinterpret_cast<unsigned char*>(text_.data());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const unsigned char c = in[i];
+    seen |= c;
+    carriageReturn |= c == '\r';
+    out[i] = static_cast<unsigned char>(c | (static_cast<unsigned char>(c - 'A') < 26 ? fold : 0));
+  }
+  const bool ascii = seen < 0x80;
+  if (ascii && !carriageReturn) {
+    singleByte_ = true;
+    offsets_.clear();
+    return;
+  }
   foldText(text, lowercase, text_);
   split();
 }
@@ -69,7 +133,8 @@ void CharacterString::split() {
   offsets_.clear();
   singleByte_ = isAscii(text_) && text_.find('\r') == std::string::npos;
   if (singleByte_) return;
-  offsets_.push_back(0);
+  if (splitAtCodePoints(text_, offsets_)) return;
+  offsets_.assign(1, 0);
   icu::BreakIterator* iterator = characterIterator();
   // The iterator keeps a shallow copy of the UText; it is only used again after
   // the next setText, so the stale copy never reads freed text.

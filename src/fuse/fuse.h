@@ -93,7 +93,11 @@ class Fuse {
 
  private:
   double scoreAtProximity(long errors, double proximity, long patternLength) const;
-  FuseMatch searchCharacters(const FusePattern& pattern, const CharacterString& text) const;
+  // The bitap search of a folded text. The ranges of a text that scores 1.0 are
+  // only worked out when rangesOfMisses is set.
+  FuseMatch searchCharacters(const FusePattern& pattern, const CharacterString& text, bool rangesOfMisses) const;
+  long reachOfPass(long errors, long len, double currentThreshold, long& binMax) const;
+  long widestReach(long errors, long len, double currentThreshold) const;
   std::optional<FuseItemResult> searchItem(const FusePattern& pattern, const std::vector<FusePattern>& words,
                                            const Fuseable& item, long index) const;
   std::vector<FusePattern> wordPatterns(const FusePattern& pattern) const;

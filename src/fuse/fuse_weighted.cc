@@ -52,11 +52,11 @@ std::optional<FuseItemResult> Fuse::searchItem(const FusePattern& pattern, const
   double total = 0.0;
   for (FuseProperty& property : item.properties()) {
     text.assign(property.name, !isCaseSensitive);
-    FuseMatch match = searchCharacters(pattern, text);
+    FuseMatch match = searchCharacters(pattern, text, tokenize);
     if (tokenize) {
       double sum = match.score;
       for (const FusePattern& word : words) {
-        FuseMatch wordMatch = searchCharacters(word, text);
+        FuseMatch wordMatch = searchCharacters(word, text, true);
         sum += wordMatch.score;
         addRanges(match.ranges, wordMatch.ranges);
       }

@@ -15,7 +15,11 @@ namespace {
 // Serves the main queue on its own thread for the whole test binary.
 class MainQueueEnvironment : public ::testing::Environment {
  public:
-  void SetUp() override { runner_ = std::thread([] { DispatchQueue::runMain(); }); }
+  void SetUp() override {
+    runner_ = std::thread([] { DispatchQueue::runMain(); });
+    // Returns once the main queue is served, so that TearDown's stop is not lost.
+    DispatchQueue::main().sync([] {});
+  }
   void TearDown() override {
     DispatchQueue::stopMain();
     runner_.join();
