@@ -53,6 +53,7 @@ Json PerformanceSnapshot::toJson() const {
   json["bytesOfIndex"] = bytesOfIndex;
   json["bytesPerEntry"] = bytesPerEntry;
   json["isIndexing"] = isIndexing;
+  json["scanProgress"] = scanProgress;
   json["runs"] = runs;
   json["lastRunTime"] = lastRunTime;
   json["searches"] = searches;

@@ -98,6 +98,7 @@ struct PerformanceSnapshot {
   int64_t bytesOfIndex = 0;        // memory held by the records and their texts
   double bytesPerEntry = 0;        // bytesOfIndex / countOfFiles (0 when empty)
   bool isIndexing = false;
+  int64_t scanProgress = 0;        // records found so far by the scan under way (0 when none runs)
   int64_t runs = 0;                // completed scans (start or add)
   double lastRunTime = 0;          // duration of the last scan
   int64_t searches = 0;            // keyword searches answered

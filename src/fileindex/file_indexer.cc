@@ -1,6 +1,7 @@
 #include "fileindex/file_indexer.h"
 
 #include <dirent.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -145,6 +146,8 @@ void FileIndexer::runScan(uint64_t generation, std::vector<std::string> scopes, 
   scanProgress_ = 0;
   if (result.cancelled || generation_.load() != generation) return;
   fileRef_.replace({result.table});
+  result = {};
+  malloc_trim(0);  // the walk's buffers are gone; give their pages back
   const int64_t count = static_cast<int64_t>(fileRef_.count());
   const double took = monotonicSeconds() - startTime;
   std::string description = "#fs ends " + std::to_string(count) + " in " + formatSeconds(took);
@@ -195,7 +198,10 @@ void FileIndexer::runAdd(uint64_t generation, std::vector<std::string> added, st
   ScanResult result = scan.run(added, earlier, base);
   scanProgress_ = 0;
   if (result.cancelled || generation_.load() != generation) return;
-  if (!result.table->empty()) fileRef_.append(result.table);
+  const std::size_t addedCount = result.table->size();
+  if (addedCount) fileRef_.append(result.table);
+  result = {};
+  malloc_trim(0);
   const int64_t count = static_cast<int64_t>(fileRef_.count());
   const double took = monotonicSeconds() - startTime;
   {
@@ -208,7 +214,7 @@ void FileIndexer::runAdd(uint64_t generation, std::vector<std::string> added, st
   runs_.fetch_add(1);
   lastRunTime_ = took;
   post();
-  log("#fs adds " + std::to_string(result.table->size()) + " in " + formatSeconds(took));
+  log("#fs adds " + std::to_string(addedCount) + " in " + formatSeconds(took));
 }
 
 void FileIndexer::removeSearchScopes(std::vector<std::string> scopes) {
@@ -274,6 +280,7 @@ PerformanceSnapshot FileIndexer::performanceSnapshot() const {
   if (lastTree) snapshot.countOfFolders = static_cast<int64_t>(lastTree->size());
   snapshot.bytesPerEntry = snapshot.countOfFiles ? double(snapshot.bytesOfIndex) / double(snapshot.countOfFiles) : 0;
   snapshot.isIndexing = state().isIndexing;
+  snapshot.scanProgress = scanProgress();
   snapshot.runs = runs_.load();
   snapshot.lastRunTime = lastRunTime_.load();
   snapshot.searches = searches_.load();
