@@ -1,0 +1,335 @@
+// quorvi: the command-line client of quorvifind, for people and for tests.
+//
+//   quorvi [OPTIONS] MEMBER [ARGS...]     call any member by name or selector
+//   quorvi [OPTIONS] wait SIGNAL          wait for a broadcast signal
+//   quorvi [OPTIONS] index [DIR...]       index folders, showing progress
+//   quorvi [OPTIONS] search [QUERY]       search the file index (interactive without QUERY)
+//   quorvi [OPTIONS] ping                 is the service there?
+//   quorvi --help                         every operation with its arguments
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/json.h"
+#include "service/bus_client.h"
+#include "tools/quorvi/reply_printer.h"
+
+namespace quorvi {
+namespace {
+
+struct Options {
+  std::string address;
+  double timeoutSeconds = 25;
+  bool noReply = false;
+  int64_t limit = 20;
+};
+
+void printHelp() {
+  std::printf(
+      "usage: quorvi [OPTIONS] MEMBER [ARGS...]\n"
+      "       quorvi [OPTIONS] wait fileIndexStateDidChange|appIndexerStateDidChange\n"
+      "       quorvi [OPTIONS] index [DIR...]\n"
+      "       quorvi [OPTIONS] search [QUERY]\n"
+      "       quorvi [OPTIONS] ping\n"
+      "\n"
+      "Calls quorvifind (%s on the session bus). MEMBER is a member name or a\n"
+      "selector. Arguments by type: s text; x integer; b true/false; as a JSON\n"
+      "array [\"a\",\"b\"] or a comma list a,b (\"\" for none); ay @FILE or text.\n"
+      "JSON replies are pretty-printed; nil is shown as nil.\n"
+      "\n"
+      "options:\n"
+      "  --address ADDRESS  a D-Bus address instead of the session bus\n"
+      "  --timeout SECONDS  how long to wait for a reply (default 25)\n"
+      "  --no-reply         send the call flagged \"no reply expected\"\n"
+      "  --limit N          hits shown by `search` (default 20)\n"
+      "\n"
+      "operations:\n",
+      kBusName);
+  for (const auto& m : allMembers()) {
+    std::string args;
+    auto types = splitSignature(m.inSignature);
+    for (std::size_t i = 0; i < types.size(); ++i) args += " " + m.inNames[i] + ":" + types[i];
+    std::string out = m.outSignature.empty() ? "acknowledged at once" : std::string(m.outSignature);
+    if (m.number == 1 || m.number == 26) out += ", never sent";
+    std::printf("  %2d %s%s\n       %s -> %s\n", m.number, std::string(m.member).c_str(), args.c_str(),
+                std::string(m.selector).c_str(), out.c_str());
+  }
+}
+
+std::unique_ptr<BusClient> connectOrDie(const Options& options) {
+  std::string error;
+  auto client = BusClient::connect(options.address, &error);
+  if (!client) {
+    std::fprintf(stderr, "quorvi: %s\n", error.c_str());
+    std::exit(1);
+  }
+  return client;
+}
+
+std::chrono::microseconds timeoutOf(const Options& options) {
+  return std::chrono::microseconds(int64_t(options.timeoutSeconds * 1e6));
+}
+
+BusClient::CallResult callOrDie(BusClient& client, const Options& options, const std::string& name,
+                                const std::vector<std::string>& words) {
+  const MemberInfo* member = findMember(name);
+  CallArguments arguments;
+  std::string error;
+  if (!argumentsFromWords(member->inSignature, words, arguments, &error)) {
+    std::fprintf(stderr, "quorvi: %s: %s\n", name.c_str(), error.c_str());
+    std::exit(2);
+  }
+  auto result = client.call(*member, arguments, timeoutOf(options));
+  if (!result.ok) {
+    std::fprintf(stderr, "quorvi: %s: %s %s\n", name.c_str(), result.errorName.c_str(), result.errorMessage.c_str());
+    std::exit(1);
+  }
+  return result;
+}
+
+int callCommand(const Options& options, const MemberInfo& member, const std::vector<std::string>& words) {
+  CallArguments arguments;
+  std::string error;
+  if (!argumentsFromWords(member.inSignature, words, arguments, &error)) {
+    std::fprintf(stderr, "quorvi: %s: %s\n", std::string(member.member).c_str(), error.c_str());
+    return 2;
+  }
+  auto client = connectOrDie(options);
+  if (options.noReply) return client->callNoReply(member, arguments) ? 0 : 1;
+  auto result = client->call(member, arguments, timeoutOf(options));
+  if (!result.ok) {
+    std::fprintf(stderr, "quorvi: %s: %s\n", result.errorName.c_str(), result.errorMessage.c_str());
+    return 1;
+  }
+  std::fputs(formatReply(member, result.values).c_str(), stdout);
+  return 0;
+}
+
+int waitCommand(const Options& options, const std::string& signal) {
+  auto client = connectOrDie(options);
+  client->subscribe(signal);
+  auto timeout = std::chrono::milliseconds(int64_t(options.timeoutSeconds * 1000));
+  if (!client->waitForSignal(signal, 0, timeout)) {
+    std::fprintf(stderr, "quorvi: no %s within %.0f s\n", signal.c_str(), options.timeoutSeconds);
+    return 1;
+  }
+  std::printf("%s\n", signal.c_str());
+  return 0;
+}
+
+// The index's state: (ready, description text, count) from #10.
+struct IndexState {
+  bool ready = false;
+  int64_t count = 0;
+  std::string text;
+};
+
+IndexState readIndexState(BusClient& client, const Options& options) {
+  auto result = callOrDie(client, options, "GetFileIndexResultDescriptionWithCompletion", {});
+  IndexState state;
+  if (result.values.size() == 2) {
+    if (result.values[0].value) {
+      Json json = Json::parse(*result.values[0].value, nullptr, false);
+      if (json.is_object()) {
+        state.ready = json.value("isReady", false);
+        state.count = json.value("countOfFiles", int64_t(0));
+      }
+    }
+    state.text = result.values[1].value.value_or("");
+  }
+  return state;
+}
+
+int indexCommand(const Options& options, std::vector<std::string> folders) {
+  if (folders.empty()) folders.push_back("~");
+  for (auto& folder : folders) {
+    if (!folder.starts_with("/") && !folder.starts_with("~")) {
+      char* resolved = ::realpath(folder.c_str(), nullptr);
+      if (resolved) folder = resolved;
+      std::free(resolved);
+    }
+  }
+  auto client = connectOrDie(options);
+  client->subscribe("fileIndexStateDidChange");
+  Json scopes = folders;
+  callOrDie(*client, options, "StartIndexFilesWithSearchScopes", {scopes.dump()});
+  auto started = std::chrono::steady_clock::now();
+  const bool tty = ::isatty(STDOUT_FILENO);
+  int seen = 0;
+  // Every state change is a signal; between signals, show that work goes on.
+  for (;;) {
+    bool signalled = client->waitForSignal("fileIndexStateDidChange", seen, std::chrono::milliseconds(250));
+    if (signalled) seen = client->signalCount("fileIndexStateDidChange");
+    double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    auto snapshot = callOrDie(*client, options, "GetPerformanceSnapshotWithCompletion", {});
+    int64_t progress = 0;
+    bool indexing = true;
+    if (!snapshot.values.empty() && snapshot.values[0].value) {
+      Json json = Json::parse(*snapshot.values[0].value, nullptr, false);
+      if (json.is_object()) {
+        progress = json.value("scanProgress", json.value("countOfFiles", int64_t(0)));
+        indexing = json.value("isIndexing", true);
+      }
+    }
+    IndexState state = readIndexState(*client, options);
+    if (tty) {
+      std::printf("\r\033[Kindexing %s: %lld entries, %.1f s", folders.front().c_str(), (long long)progress, elapsed);
+      std::fflush(stdout);
+    }
+    if (state.ready && !indexing && elapsed > 0.2) {
+      if (tty) std::printf("\n");
+      std::printf("%lld files indexed in %.2f s%s%s\n", (long long)state.count, elapsed,
+                  state.text.empty() ? "" : ": ", state.text.c_str());
+      return 0;
+    }
+    if (elapsed > options.timeoutSeconds * 40) {
+      std::fprintf(stderr, "\nquorvi: the index did not become ready\n");
+      return 1;
+    }
+  }
+}
+
+std::string lowercaseAscii(std::string text) {
+  for (auto& c : text) {
+    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+  }
+  return text;
+}
+
+// Hits of one query as "path" lines (folders end in "/"), and the time taken.
+std::vector<std::string> searchOnce(BusClient& client, const Options& options, const std::string& query,
+                                    double* milliseconds) {
+  auto started = std::chrono::steady_clock::now();
+  auto result = callOrDie(client, options, "SearchFilesWithQueryMaxcountCompletion",
+                          {lowercaseAscii(query), std::to_string(options.limit)});
+  *milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  std::vector<std::string> lines;
+  if (result.values.empty() || !result.values[0].value) return lines;
+  Json hits = Json::parse(*result.values[0].value, nullptr, false);
+  if (!hits.is_array()) return lines;
+  for (const auto& hit : hits) {
+    std::string path = hit.value("path", "");
+    if (hit.value("isFolder", false)) path += "/";
+    lines.push_back(path);
+  }
+  return lines;
+}
+
+void printHits(const std::vector<std::string>& hits, double ms) {
+  for (const auto& hit : hits) std::printf("  %s\n", hit.c_str());
+  std::printf("(%zu hits, %.1f ms)\n", hits.size(), ms);
+}
+
+// Drops the last UTF-8 character of text.
+void eraseLastCharacter(std::string& text) {
+  while (!text.empty()) {
+    unsigned char c = text.back();
+    text.pop_back();
+    if ((c & 0xc0) != 0x80) break;
+  }
+}
+
+int searchCommand(const Options& options, const std::vector<std::string>& words) {
+  auto client = connectOrDie(options);
+  double ms = 0;
+  if (!words.empty()) {
+    std::string query;
+    for (const auto& w : words) query += (query.empty() ? "" : " ") + w;
+    printHits(searchOnce(*client, options, query, &ms), ms);
+    return 0;
+  }
+  if (!::isatty(STDIN_FILENO)) {  // one query per line
+    for (std::string line; std::getline(std::cin, line);) {
+      std::printf("> %s\n", line.c_str());
+      printHits(searchOnce(*client, options, line, &ms), ms);
+    }
+    return 0;
+  }
+  termios saved;
+  ::tcgetattr(STDIN_FILENO, &saved);
+  termios raw = saved;
+  raw.c_lflag &= ~(ICANON | ECHO);
+  ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+  std::string query;
+  std::vector<std::string> hits;
+  for (;;) {
+    std::printf("\033[H\033[Jsearch (Esc or Ctrl-D to quit): %s\n\n", query.c_str());
+    if (!query.empty()) printHits(hits, ms);
+    std::printf("\033[1;%zuH", 32 + query.size());  // approximate: keeps the cursor near the query
+    std::fflush(stdout);
+    char c;
+    if (::read(STDIN_FILENO, &c, 1) != 1 || c == 27 || c == 4) break;
+    if (c == 127 || c == 8) {
+      eraseLastCharacter(query);
+    } else if (c == 21) {  // Ctrl-U
+      query.clear();
+    } else if (static_cast<unsigned char>(c) >= 32) {
+      query += c;
+    }
+    hits = query.empty() ? std::vector<std::string>() : searchOnce(*client, options, query, &ms);
+  }
+  ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+  std::printf("\n");
+  return 0;
+}
+
+}  // namespace
+}  // namespace quorvi
+
+int main(int argc, char** argv) {
+  using namespace quorvi;
+  Options options;
+  std::vector<std::string> words;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (!words.empty()) {
+      words.push_back(arg);  // after the command everything is an argument
+    } else if (arg == "--help" || arg == "-h" || arg == "help") {
+      printHelp();
+      return 0;
+    } else if (arg == "--address" && i + 1 < argc) {
+      options.address = argv[++i];
+    } else if (arg == "--timeout" && i + 1 < argc) {
+      options.timeoutSeconds = std::atof(argv[++i]);
+      if (options.timeoutSeconds <= 0) options.timeoutSeconds = 25;
+    } else if (arg == "--limit" && i + 1 < argc) {
+      options.limit = std::atoll(argv[++i]);
+    } else if (arg == "--no-reply") {
+      options.noReply = true;
+    } else if (arg.starts_with("--")) {
+      std::fprintf(stderr, "quorvi: unknown option %s (see --help)\n", arg.c_str());
+      return 2;
+    } else {
+      words.push_back(arg);
+    }
+  }
+  if (words.empty()) {
+    printHelp();
+    return 2;
+  }
+  std::string command = words.front();
+  words.erase(words.begin());
+  if (command == "ping") {
+    auto client = connectOrDie(options);
+    auto result = client->ping(std::chrono::microseconds(int64_t(options.timeoutSeconds * 1e6)));
+    std::printf("%s\n", result.ok ? "quorvifind is running" : result.errorMessage.c_str());
+    return result.ok ? 0 : 1;
+  }
+  if (command == "wait" && words.size() == 1) return waitCommand(options, words[0]);
+  if (command == "index") return indexCommand(options, words);
+  if (command == "search") return searchCommand(options, words);
+  if (command == "call" && !words.empty()) {
+    command = words.front();
+    words.erase(words.begin());
+  }
+  if (const MemberInfo* member = findMember(command)) return callCommand(options, *member, words);
+  std::fprintf(stderr, "quorvi: no member or command %s (see --help)\n", command.c_str());
+  return 2;
+}
