@@ -1,0 +1,10 @@
+SELECT groupID, libraryID, name FROM groups;
+SELECT collectionID, collectionName, parentCollectionID, libraryID, key FROM collections;
+SELECT * FROM collectionItems;
+SELECT * FROM itemTypes;
+SELECT itemID, contentType, path FROM itemAttachments;
+SELECT * FROM itemDataValues;
+SELECT * FROM fields;
+SELECT * FROM itemData;
+SELECT itemID, itemTypeID, dateModified, libraryID, key FROM items;
+SELECT itemID FROM deletedItems;
