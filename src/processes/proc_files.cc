@@ -56,9 +56,13 @@ std::optional<std::string> readSmallFile(const std::string& path, size_t firstRe
   return readAllFrom(::open(path.c_str(), O_RDONLY | O_CLOEXEC), firstReadBytes);
 }
 
-std::optional<std::string> readOneRecord(int directoryFd, const char* relativePath) {
+std::optional<std::string> readOneRecord(int directoryFd, const char* relativePath, struct stat* info) {
   int fd = ::openat(directoryFd, relativePath, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
+  if (info && ::fstat(fd, info) != 0) {
+    ::close(fd);
+    return std::nullopt;
+  }
   char buffer[4096];
   ssize_t got;
   do {

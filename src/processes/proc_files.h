@@ -3,6 +3,8 @@
 // which is normal for processes that end while they are being looked at.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,7 +18,8 @@ std::optional<std::string> readSmallFile(int directoryFd, const char* relativePa
 std::optional<std::string> readSmallFile(const std::string& path, size_t firstReadBytes = 4096);
 // A file the kernel writes in one piece on the first read (/proc/PID/stat):
 // one read, no second one to see the end.
-std::optional<std::string> readOneRecord(int directoryFd, const char* relativePath);
+// With `info`, the file's own stat is stored there too.
+std::optional<std::string> readOneRecord(int directoryFd, const char* relativePath, struct stat* info = nullptr);
 std::optional<std::string> readLink(int directoryFd, const char* relativePath);
 std::optional<std::string> readLink(const std::string& path);
 // Entry names of the /proc folder that are plain decimal numbers, ascending.

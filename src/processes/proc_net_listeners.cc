@@ -1,5 +1,6 @@
 #include "processes/proc_net_listeners.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,7 +21,6 @@ constexpr size_t kLocalAddressColumn = 1;
 constexpr size_t kStateColumn = 3;
 constexpr size_t kInodeColumn = 9;
 constexpr std::string_view kListenState = "0A";
-constexpr std::string_view kSocketLinkPrefix = "socket:[";
 constexpr size_t kPidsWorthASecondThread = 64;
 constexpr size_t kTableReadBytes = size_t(256) << 10;
 
@@ -47,15 +47,6 @@ std::optional<ListeningSocket> parseTableRow(std::string_view line) {
   return ListeningSocket{uint64_t(*inode), int64_t(*port)};
 }
 
-// The inode of a descriptor link "socket:[12345]", or 0.
-uint64_t socketInode(std::string_view link) {
-  if (!link.starts_with(kSocketLinkPrefix) || !link.ends_with(']')) return 0;
-  link.remove_prefix(kSocketLinkPrefix.size());
-  link.remove_suffix(1);
-  auto inode = text::parseDecimal(link);
-  return inode && *inode > 0 ? uint64_t(*inode) : 0;
-}
-
 std::string commandName(int pidFd) {
   auto name = procfs::readSmallFile(pidFd, "comm");
   if (!name) return "";
@@ -73,9 +64,13 @@ void appendListenersOfProcess(int64_t pid, int procFd, const std::unordered_map<
   char fdName[24];
   for (int64_t fd : procfs::numericEntries(fdDir.get())) {
     std::snprintf(fdName, sizeof fdName, "%lld", (long long)fd);
-    auto link = procfs::readLink(fdDir.get(), fdName);
-    if (!link) continue;
-    auto found = portsByInode.find(socketInode(*link));
+    // The descriptor's own inode: a socket's is the number the socket
+    // tables give. Cached attributes only, so that a file on a stalled
+    // network mount cannot hold the request up.
+    struct statx target;
+    if (::statx(fdDir.get(), fdName, AT_STATX_DONT_SYNC, STATX_TYPE | STATX_INO, &target) != 0) continue;
+    if (!S_ISSOCK(target.stx_mode)) continue;
+    auto found = portsByInode.find(target.stx_ino);
     if (found == portsByInode.end()) continue;
     if (!described) {
       procfs::DirectoryFd pidDir(procFd, std::to_string(pid).c_str());

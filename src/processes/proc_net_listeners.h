@@ -1,5 +1,5 @@
 // The native port source: listening TCP sockets (from the kernel's socket
-// diagnostics, or /proc/net/tcp and /proc/net/tcp6), tied to their processes through the socket links in
+// diagnostics, or /proc/net/tcp and /proc/net/tcp6), tied to their processes through the descriptors in
 // /proc/PID/fd. It gives the same Listener records as the lsof tool, in the
 // same order (by pid, then by descriptor), without starting a process, and
 // sees exactly the processes whose descriptors this user may read.

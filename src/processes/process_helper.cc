@@ -1,6 +1,8 @@
 #include "processes/process_helper.h"
 
+#include <fcntl.h>
 #include <pwd.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <vector>
@@ -22,14 +24,19 @@ std::string withoutTrailingNewline(std::string text) {
 
 }  // namespace
 
-ProcessHelper::ProcessHelper(std::string procRoot) : procRoot_(std::move(procRoot)) {}
+ProcessHelper::ProcessHelper(std::string procRoot)
+    : procRoot_(std::move(procRoot)), procFd_(::open(procRoot_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+
+ProcessHelper::~ProcessHelper() {
+  if (procFd_ >= 0) ::close(procFd_);
+}
 
 std::string ProcessHelper::pidPath(int64_t pid, const char* entry) const {
-  return procRoot_ + "/" + std::to_string(pid) + "/" + entry;
+  return std::to_string(pid) + "/" + entry;
 }
 
 std::optional<std::string> ProcessHelper::firstArgument(int64_t pid) const {
-  auto commandLine = procfs::readSmallFile(pidPath(pid, "cmdline"));
+  auto commandLine = procfs::readSmallFile(procFd_, pidPath(pid, "cmdline").c_str());
   if (!commandLine || commandLine->empty()) return std::nullopt;
   std::string first = commandLine->substr(0, commandLine->find('\0'));
   if (first.empty()) return std::nullopt;
@@ -38,7 +45,7 @@ std::optional<std::string> ProcessHelper::firstArgument(int64_t pid) const {
 
 std::optional<std::string> ProcessHelper::getProcessNameFromPID(int64_t pid) const {
   if (pid <= 0) return std::nullopt;
-  auto name = procfs::readSmallFile(pidPath(pid, "comm"));
+  auto name = procfs::readSmallFile(procFd_, pidPath(pid, "comm").c_str());
   if (!name) return std::nullopt;
   return completedName(pid, withoutTrailingNewline(std::move(*name)));
 }
@@ -58,7 +65,7 @@ std::string ProcessHelper::completedName(int64_t pid, std::string commandName) c
 
 std::optional<std::string> ProcessHelper::getProcessPathFromPID(int64_t pid) const {
   if (pid <= 0) return std::nullopt;
-  if (auto link = procfs::readLink(pidPath(pid, "exe"))) {
+  if (auto link = procfs::readLink(procFd_, pidPath(pid, "exe").c_str())) {
     if (link->size() > kDeletedMark.size() && link->ends_with(kDeletedMark)) {
       link->resize(link->size() - kDeletedMark.size());
     }
@@ -71,7 +78,7 @@ std::optional<std::string> ProcessHelper::getProcessPathFromPID(int64_t pid) con
 
 std::optional<int> ProcessHelper::threadCount(int64_t pid) const {
   if (pid <= 0) return std::nullopt;
-  auto status = procfs::readSmallFile(pidPath(pid, "status"));
+  auto status = procfs::readSmallFile(procFd_, pidPath(pid, "status").c_str());
   if (!status) return std::nullopt;
   size_t at = status->find("\nThreads:");
   if (at == std::string::npos) return std::nullopt;
@@ -85,7 +92,7 @@ std::optional<int> ProcessHelper::threadCount(int64_t pid) const {
 std::optional<uid_t> ProcessHelper::ownerUid(int64_t pid) const {
   if (pid <= 0) return std::nullopt;
   struct stat info;
-  if (::stat((procRoot_ + "/" + std::to_string(pid)).c_str(), &info) != 0) return std::nullopt;
+  if (::fstatat(procFd_, std::to_string(pid).c_str(), &info, 0) != 0) return std::nullopt;
   return info.st_uid;
 }
 

@@ -17,6 +17,9 @@ namespace quorvi {
 class ProcessHelper {
  public:
   explicit ProcessHelper(std::string procRoot = "/proc");
+  ~ProcessHelper();
+  ProcessHelper(const ProcessHelper&) = delete;
+  ProcessHelper& operator=(const ProcessHelper&) = delete;
 
   // The command name (/proc/PID/comm). The kernel keeps only 15 bytes of it,
   // so a name of that length is completed from the command line's first word
@@ -37,10 +40,12 @@ class ProcessHelper {
   std::string userNameForUid(uid_t uid) const;
 
  private:
+  // "PID/entry", relative to the open /proc folder.
   std::string pidPath(int64_t pid, const char* entry) const;
   std::optional<std::string> firstArgument(int64_t pid) const;
 
   std::string procRoot_;
+  int procFd_ = -1;  // walks from here are shorter than from "/"
   mutable std::mutex userNamesLock_;
   mutable std::map<uid_t, std::string> userNames_;
 };

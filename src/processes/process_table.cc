@@ -1,5 +1,6 @@
 #include "processes/process_table.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -26,7 +27,9 @@ constexpr size_t kParentField = 1;
 constexpr size_t kUserTimeField = 11;
 constexpr size_t kSystemTimeField = 12;
 constexpr size_t kStartTimeField = 19;
+constexpr size_t kFlagsField = 6;
 constexpr size_t kResidentPagesField = 21;
+constexpr int64_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD
 
 }  // namespace
 
@@ -92,6 +95,7 @@ std::optional<ProcessRow> parseProcStat(std::string_view stat, double uptimeSeco
                                  ticksPerSecond);
   row.residentKilobytes = std::max<int64_t>(0, number(kResidentPagesField)) * pageKilobytes;
   row.commandName = std::string(stat.substr(open + 2, close - open - 2));
+  row.isKernelThread = (number(kFlagsField) & kKernelThreadFlag) != 0;
   return row;
 }
 
@@ -105,9 +109,13 @@ std::optional<std::vector<ProcessRow>> processRowsFromProc(const std::string& pr
   std::vector<ProcessRow> rows;
   for (int64_t pid : procfs::numericEntries(procDir.get())) {
     std::string relative = std::to_string(pid) + "/stat";
-    auto stat = procfs::readOneRecord(procDir.get(), relative.c_str());
+    struct stat owner;
+    auto stat = procfs::readOneRecord(procDir.get(), relative.c_str(), &owner);
     if (!stat) continue;  // ended since the folder was listed
-    if (auto row = parseProcStat(*stat, uptime, ticksPerSecond, pageKilobytes)) rows.push_back(std::move(*row));
+    if (auto row = parseProcStat(*stat, uptime, ticksPerSecond, pageKilobytes)) {
+      row->ownerUid = owner.st_uid;  // /proc gives a process's files to its owner
+      rows.push_back(std::move(*row));
+    }
   }
   if (rows.empty()) return std::nullopt;
   return rows;

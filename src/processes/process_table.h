@@ -4,6 +4,8 @@
 // columns computed the way ps computes them without starting two processes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,8 +19,10 @@ struct ProcessRow {
   int32_t ppid = 0;
   std::string cpu;           // processor share in percent, as ps prints it ("0.3")
   int64_t residentKilobytes = 0;
-  // The kernel's command name when the row came from /proc (saves a read).
-  std::optional<std::string> commandName;
+  // Known when the row came from /proc, which saves reading them again:
+  std::optional<std::string> commandName;  // the kernel's command name
+  std::optional<uid_t> ownerUid;           // the process's owner
+  bool isKernelThread = false;             // no executable, nothing to quit
 };
 
 // Rows of the tool's output: the first line (the header) is skipped, and so

@@ -17,12 +17,13 @@ void addMatch(std::vector<std::string>& matchs, std::string key) {
 }
 
 std::optional<ProcessEntry> entryFromRow(const ProcessRow& row, const ProcessHelper& helper) {
+  if (row.isKernelThread) return std::nullopt;
   auto name = row.commandName ? std::optional(helper.completedName(row.pid, *row.commandName))
                               : helper.getProcessNameFromPID(row.pid);
   if (!name) return std::nullopt;
   auto path = helper.getProcessPathFromPID(row.pid);
   if (!path) return std::nullopt;
-  auto user = helper.userName(row.pid);
+  auto user = row.ownerUid ? std::optional(helper.userNameForUid(*row.ownerUid)) : helper.userName(row.pid);
   if (!user) return std::nullopt;  // ended since the table was read
   ProcessEntry entry;
   entry.pid = row.pid;

@@ -103,6 +103,12 @@ TEST(ProcStat, NamesWithBlanksAndParentheses) {
   EXPECT_EQ(row->residentKilobytes, 1200);
   // 300 ticks of 100 per second over 90 s of life: 3.3 %.
   EXPECT_EQ(row->cpu, "3.3");
+  EXPECT_FALSE(row->isKernelThread);
+  auto kernelThread = parseProcStat("2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 3 0 0 "
+                                    "18446744073709551615 0 0 0 0 0 0 0 2147483647 0 0 0 0 17 1 0 0 0 0 0\n",
+                                    100.0, 100, 4);
+  ASSERT_TRUE(kernelThread);
+  EXPECT_TRUE(kernelThread->isKernelThread);  // flags 0x208040 hold PF_KTHREAD
   EXPECT_FALSE(parseProcStat("4242 (cut short) S 1", 100.0, 100, 4));
   EXPECT_FALSE(parseProcStat("", 100.0, 100, 4));
 }
