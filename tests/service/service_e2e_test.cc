@@ -328,6 +328,23 @@ TEST_F(ServiceTest, OddInputsNeverHurtTheService) {
   EXPECT_TRUE(service_->running());
 }
 
+TEST(ServiceActivationTest, TheFirstCallStartsTheServiceFromItsServiceFile) {
+  TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  TemporaryDirectory home;
+  // The same file `cmake --install` puts into share/dbus-1/services, pointed
+  // at the build tree's service.
+  std::ofstream(bus.servicesDirectory() + "/com.quorvi.quorvifind.service")
+      << "[D-BUS Service]\nName=com.quorvi.quorvifind\nExec=/usr/bin/env HOME=" << home.path()
+      << " XDG_CONFIG_HOME=" << home.path() << "/.config " << serviceExecutable() << "\n";
+  auto client = bus.connect();
+  ASSERT_FALSE(client->serviceIsRunning());
+  auto result = callMember(*client, "CheckAppIndexIsReadyWithCompletion", {}, 20s);
+  ASSERT_TRUE(result.ok) << result.errorName << " " << result.errorMessage;
+  EXPECT_TRUE(client->serviceIsRunning());
+  bus.stop();  // the activated service ends with its bus
+}
+
 TEST_F(ServiceTest, TheServiceEndsWhenItsBusGoesAway) {
   client_.reset();
   bus_.stop();
