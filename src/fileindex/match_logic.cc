@@ -1,5 +1,7 @@
 #include "fileindex/match_logic.h"
 
+#include "common/dispatch.h"
+
 #include <immintrin.h>
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
@@ -209,15 +211,51 @@ const char* findBytes(const char* begin, const char* end, std::string_view needl
   return static_cast<const char*>(::memmem(begin, length, needle.data(), needle.size()));
 }
 
+namespace {
+
+// Calls visit(row) for the rows in [firstRow, endRow), in order, whose match
+// text may hold one of the anchor's needles (those where one occurs in the
+// row's region); stops when visit returns false.
+template <typename Visit>
+void forEachCandidate(const FileTable& table, const Anchor& anchor, std::size_t firstRow, std::size_t endRow,
+                      Visit&& visit) {
+  const char* const begin = table.arena().data();
+  const char* position = begin + table.textOffset(firstRow);
+  const char* const end = begin + table.textOffset(endRow);
+  std::vector<const char*> next(anchor.needles.size(), nullptr);
+  std::vector<bool> exhausted(anchor.needles.size(), false);
+  while (position < end) {
+    const char* candidate = nullptr;
+    for (std::size_t k = 0; k < anchor.needles.size(); ++k) {
+      if (exhausted[k]) continue;
+      if (!next[k] || next[k] < position) {
+        next[k] = findBytes(position, end, anchor.needles[k]);
+        if (!next[k]) {
+          exhausted[k] = true;
+          continue;
+        }
+      }
+      if (!candidate || next[k] < candidate) candidate = next[k];
+    }
+    if (!candidate) return;
+    std::size_t row = table.recordAt(static_cast<std::size_t>(candidate - begin));
+    if (!visit(row)) return;
+    position = begin + table.textOffset(row + 1);
+  }
+}
+
+}  // namespace
+
 std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vector<MatchLogicQuery>& groups,
                                     int64_t maxcount,
-                                    const std::function<bool(const FileTable&, std::size_t)>& admit) {
+                                    const std::function<bool(const FileTable&, std::size_t)>& admit,
+                                    std::size_t parallelRows) {
   HitList hits;
-  auto examine = [&](uint32_t segment, uint32_t row) {
+  auto examine = [&](uint32_t segment, std::size_t row) {
     const FileTable& table = *segments[segment];
     if (admit && !admit(table, row)) return;
     if (!MatchLogic::matchesAll(groups, table.matchCString(row))) return;
-    hits.add(segments, segment, row);
+    hits.add(segments, segment, static_cast<uint32_t>(row));
   };
 
   // A count of 0 or less stops after the first record examined.
@@ -240,32 +278,42 @@ std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vec
   }
   if (!chooseAnchor(groups, anchor)) return {};
 
-  std::vector<const char*> next(anchor.needles.size());
+  const std::size_t workers = DispatchQueue::globalThreadCount();
   for (uint32_t s = 0; s < segments.size() && hits.size() < limit; ++s) {
     const FileTable& table = *segments[s];
-    std::string_view arena = table.arena();
-    const char* const begin = arena.data();
-    const char* const end = begin + arena.size();
-    const char* position = begin;
-    std::fill(next.begin(), next.end(), nullptr);
-    std::vector<bool> exhausted(anchor.needles.size(), false);
-    while (position < end && hits.size() < limit) {
-      const char* candidate = nullptr;
-      for (std::size_t k = 0; k < anchor.needles.size(); ++k) {
-        if (exhausted[k]) continue;
-        if (!next[k] || next[k] < position) {
-          next[k] = findBytes(position, end, anchor.needles[k]);
-          if (!next[k]) {
-            exhausted[k] = true;
-            continue;
-          }
-        }
-        if (!candidate || next[k] < candidate) candidate = next[k];
+    const std::size_t rows = table.size();
+    auto sequential = [&](std::size_t from, std::size_t to) {
+      forEachCandidate(table, anchor, from, to, [&](std::size_t row) {
+        examine(s, row);
+        return hits.size() < limit;
+      });
+    };
+    if (admit || workers < 2 || rows < parallelRows) {
+      sequential(0, rows);
+      continue;
+    }
+    // Parts in parallel, each keeping at most the hits still wanted; then
+    // merged in order. Dedupe may drop some of a part's hits, so a part that
+    // stopped early is continued in order where it stopped.
+    const std::size_t parts = std::min<std::size_t>(workers, 4);
+    const std::size_t wanted = limit - hits.size();
+    std::vector<std::vector<uint32_t>> found(parts);
+    std::vector<std::size_t> stoppedAt(parts, 0);
+    auto boundary = [&](std::size_t k) { return rows * k / parts; };
+    concurrentPerform(parts, [&](std::size_t k) {
+      forEachCandidate(table, anchor, boundary(k), boundary(k + 1), [&](std::size_t row) {
+        if (MatchLogic::matchesAll(groups, table.matchCString(row))) found[k].push_back(static_cast<uint32_t>(row));
+        if (found[k].size() < wanted) return true;
+        stoppedAt[k] = row + 1;
+        return false;
+      });
+    });
+    for (std::size_t k = 0; k < parts && hits.size() < limit; ++k) {
+      for (uint32_t row : found[k]) {
+        hits.add(segments, s, row);
+        if (hits.size() >= limit) break;
       }
-      if (!candidate) break;
-      std::size_t row = table.recordAt(static_cast<std::size_t>(candidate - begin));
-      examine(s, static_cast<uint32_t>(row));
-      position = begin + table.textOffset(row + 1);
+      if (hits.size() < limit && stoppedAt[k] != 0) sequential(stoppedAt[k], boundary(k + 1));
     }
   }
   return hits.take();

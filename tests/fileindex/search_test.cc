@@ -148,7 +148,10 @@ TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
     std::string name;
     for (int k = 0; k < 3; ++k) name += std::string(words[random() % 10]).substr(0, 3) + (k < 2 ? "-" : "");
     name.erase(std::remove(name.begin(), name.end(), '|'), name.end());
-    tree.file("r/" + std::to_string(i % 7) + "/" + name + std::to_string(i), 1.0e9 + double(random() % 5) * 1e6);
+    std::string path = tree.file("r/" + std::to_string(i % 7) + "/" + name + std::to_string(i),
+                                 1.0e9 + double(random() % 5) * 1e6);
+    // Hard links: one file under two names, which the loop must report once.
+    if (i % 10 == 0) ::link(path.c_str(), (tree.home() + "/r/" + std::to_string((i + 3) % 7) + "/l" + name).c_str());
   }
   FileIndexer indexer(tree.environment());
   indexScopes(indexer, {tree.home() + "/r"});
@@ -177,9 +180,14 @@ TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
         }
       }
     }
-    std::vector<std::pair<uint32_t, uint32_t>> actual;
-    for (const auto& hit : runMatchLoop(segments, groups, maxcount, nullptr)) actual.emplace_back(hit.segment, hit.row);
-    ASSERT_EQ(actual, expected) << "query '" << query << "' maxcount " << maxcount;
+    // Sequential, and in parts on the pool (as large tables are searched).
+    for (std::size_t parallelRows : {kParallelSearchRows, std::size_t{1}}) {
+      std::vector<std::pair<uint32_t, uint32_t>> actual;
+      for (const auto& hit : runMatchLoop(segments, groups, maxcount, nullptr, parallelRows)) {
+        actual.emplace_back(hit.segment, hit.row);
+      }
+      ASSERT_EQ(actual, expected) << "query '" << query << "' maxcount " << maxcount << " parts " << parallelRows;
+    }
   }
 }
 
