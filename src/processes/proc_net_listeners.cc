@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <thread>
 #include <unordered_map>
 
 #include "processes/proc_files.h"
@@ -21,7 +20,6 @@ constexpr size_t kLocalAddressColumn = 1;
 constexpr size_t kStateColumn = 3;
 constexpr size_t kInodeColumn = 9;
 constexpr std::string_view kListenState = "0A";
-constexpr size_t kPidsWorthASecondThread = 64;
 constexpr size_t kTableReadBytes = size_t(256) << 10;
 
 std::optional<uint64_t> parseHex(std::string_view digits) {
@@ -133,19 +131,11 @@ std::vector<Listener> listenersFromProc(const std::string& procRoot) {
   if (!procDir.isOpen()) return {};
   ProcessHelper helper(procRoot);
   std::vector<int64_t> pids = procfs::numericEntries(procDir.get());
-  // Reading every descriptor link is most of the work; two halves of the
-  // pid list run side by side and are joined in pid order.
+  // Looking at every descriptor is most of the work.
   auto walk = [&](size_t begin, size_t end, std::vector<Listener>& found) {
     for (size_t i = begin; i < end; ++i) appendListenersOfProcess(pids[i], procDir.get(), portsByInode, helper, found);
   };
-  std::vector<Listener> listeners, secondHalf;
-  size_t middle = pids.size() < kPidsWorthASecondThread ? pids.size() : pids.size() / 2;
-  std::thread second;
-  if (middle < pids.size()) second = std::thread(walk, middle, pids.size(), std::ref(secondHalf));
-  walk(0, middle, listeners);
-  if (second.joinable()) second.join();
-  listeners.insert(listeners.end(), secondHalf.begin(), secondHalf.end());
-  return withoutDuplicatePorts(std::move(listeners));
+  return withoutDuplicatePorts(procfs::inTwoHalves<Listener>(pids.size(), walk));
 }
 
 }  // namespace quorvi

@@ -106,17 +106,20 @@ std::optional<std::vector<ProcessRow>> processRowsFromProc(const std::string& pr
   double uptime = std::atof(uptimeText->c_str());
   long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
   long pageKilobytes = ::sysconf(_SC_PAGESIZE) / 1024;
-  std::vector<ProcessRow> rows;
-  for (int64_t pid : procfs::numericEntries(procDir.get())) {
-    std::string relative = std::to_string(pid) + "/stat";
-    struct stat owner;
-    auto stat = procfs::readOneRecord(procDir.get(), relative.c_str(), &owner);
-    if (!stat) continue;  // ended since the folder was listed
-    if (auto row = parseProcStat(*stat, uptime, ticksPerSecond, pageKilobytes)) {
-      row->ownerUid = owner.st_uid;  // /proc gives a process's files to its owner
-      rows.push_back(std::move(*row));
+  std::vector<int64_t> pids = procfs::numericEntries(procDir.get());
+  auto readRows = [&](size_t begin, size_t end, std::vector<ProcessRow>& rows) {
+    for (size_t i = begin; i < end; ++i) {
+      std::string relative = std::to_string(pids[i]) + "/stat";
+      struct stat owner;
+      auto stat = procfs::readOneRecord(procDir.get(), relative.c_str(), &owner);
+      if (!stat) continue;  // ended since the folder was listed
+      if (auto row = parseProcStat(*stat, uptime, ticksPerSecond, pageKilobytes)) {
+        row->ownerUid = owner.st_uid;  // /proc gives a process's files to its owner
+        rows.push_back(std::move(*row));
+      }
     }
-  }
+  };
+  std::vector<ProcessRow> rows = procfs::inTwoHalves<ProcessRow>(pids.size(), readRows);
   if (rows.empty()) return std::nullopt;
   return rows;
 }

@@ -131,20 +131,34 @@ std::optional<std::vector<ProcessRow>> QuitProcessFetcher::processRows() const {
   return processRowsFromPs();
 }
 
+std::optional<RunningProcesses> QuitProcessFetcher::processList() const {
+  auto rows = processRows();
+  if (!rows) return std::nullopt;
+  RunningProcesses result;
+  result.allProcesses = entriesFromRows(*rows, ProcessHelper());
+  DesktopApplicationCatalog& catalog = options_.catalog ? *options_.catalog : DesktopApplicationCatalog::shared();
+  result.normalProcesses = regularApplicationEntries(result.allProcesses, catalog.applications(options_.language));
+  return result;
+}
+
 std::optional<RunningProcesses> QuitProcessFetcher::fetch() const {
   // The port query reads /proc (or runs lsof) independently of the process
   // table, so it runs beside it. Listeners of a process that ends or starts
   // in between simply find no entry.
   std::vector<Listener> listeners;
-  std::thread portQuery([&] { listeners = PortListener(options_.portSource).listeners(); });
-  auto rows = processRows();
+  std::thread portQuery([&] {
+    try {
+      listeners = PortListener(options_.portSource).listeners();
+    } catch (...) {
+      listeners.clear();  // a failed port query only leaves portProcesses empty
+    }
+  });
   std::optional<RunningProcesses> result;
-  if (rows) {
-    ProcessHelper helper;
-    result.emplace();
-    result->allProcesses = entriesFromRows(*rows, helper);
-    DesktopApplicationCatalog& catalog = options_.catalog ? *options_.catalog : DesktopApplicationCatalog::shared();
-    result->normalProcesses = regularApplicationEntries(result->allProcesses, catalog.applications(options_.language));
+  try {
+    result = processList();
+  } catch (...) {
+    portQuery.join();
+    throw;
   }
   portQuery.join();
   if (result) result->portProcesses = listeningEntries(result->allProcesses, listeners);
