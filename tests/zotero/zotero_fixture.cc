@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-namespace quorvi::testing {
+namespace quorvi::zotero_fixture {
 
 TemporaryDirectory::TemporaryDirectory() {
   std::string pattern = std::filesystem::temp_directory_path().string() + "/quorvi-zotero-XXXXXX";
@@ -194,4 +194,4 @@ void ZoteroLibraryFixture::trash(int64_t itemID) {
   exec("INSERT INTO deletedItems (itemID) VALUES (" + std::to_string(itemID) + ");");
 }
 
-}  // namespace quorvi::testing
+}  // namespace quorvi::zotero_fixture

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace quorvi::testing {
+namespace quorvi::zotero_fixture {
 
 // A fresh directory under the system's temporary folder, removed on destruction.
 class TemporaryDirectory {
@@ -61,4 +61,4 @@ class ZoteroLibraryFixture {
   int64_t nextKey_ = 0;
 };
 
-}  // namespace quorvi::testing
+}  // namespace quorvi::zotero_fixture

@@ -12,9 +12,9 @@
 namespace quorvi {
 namespace {
 
-using testing::FieldNumbering;
-using testing::TemporaryDirectory;
-using testing::ZoteroLibraryFixture;
+using zotero_fixture::FieldNumbering;
+using zotero_fixture::TemporaryDirectory;
+using zotero_fixture::ZoteroLibraryFixture;
 
 struct IndexerTest : ::testing::Test {
   TemporaryDirectory temp;

@@ -13,9 +13,9 @@
 namespace quorvi {
 namespace {
 
-using testing::FieldNumbering;
-using testing::TemporaryDirectory;
-using testing::ZoteroLibraryFixture;
+using zotero_fixture::FieldNumbering;
+using zotero_fixture::TemporaryDirectory;
+using zotero_fixture::ZoteroLibraryFixture;
 namespace fs = std::filesystem;
 
 struct ReaderTest : ::testing::Test {
