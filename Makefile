@@ -11,7 +11,7 @@ setup:
 
 build: setup
 	@cmake -S . -B $(BUILD) -G Ninja -DQUORVI_ONLY= >/dev/null
-	@cmake --build $(BUILD) -j2
+	@cmake --build $(BUILD) -j2 -- --quiet
 
 run: build
 	@bash tools/run.sh $(BUILD) $(DIR)

@@ -31,6 +31,11 @@ struct MainLoop {
   asio::io_context context;
   asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
   std::atomic<std::thread::id> runner{};
+  // A stop that comes before runMain() (the bus may close at once) must
+  // not be lost: it is remembered and ends the next runMain() at once.
+  std::mutex mutex;
+  bool running = false;
+  bool stopPending = false;
 };
 
 MainLoop& mainLoop() {
@@ -92,13 +97,31 @@ std::shared_ptr<DispatchQueue> DispatchQueue::makeConcurrent(std::string label) 
 
 void DispatchQueue::runMain() {
   auto& loop = mainLoop();
+  {
+    std::lock_guard lock(loop.mutex);
+    if (loop.stopPending) {
+      loop.stopPending = false;
+      return;
+    }
+    loop.running = true;
+    loop.context.restart();
+  }
   loop.runner = std::this_thread::get_id();
-  loop.context.restart();
   loop.context.run();
   loop.runner = std::thread::id{};
+  std::lock_guard lock(loop.mutex);
+  loop.running = false;
 }
 
-void DispatchQueue::stopMain() { mainLoop().context.stop(); }
+void DispatchQueue::stopMain() {
+  auto& loop = mainLoop();
+  std::lock_guard lock(loop.mutex);
+  if (loop.running) {
+    loop.context.stop();
+  } else {
+    loop.stopPending = true;
+  }
+}
 
 std::size_t DispatchQueue::globalThreadCount() { return poolSize(); }
 

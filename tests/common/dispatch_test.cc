@@ -68,6 +68,17 @@ TEST(DispatchQueueTest, MainQueueRunsOnTheThreadThatServesIt) {
   mainThread.join();
 }
 
+TEST(DispatchQueueTest, AStopBeforeTheMainQueueRunsIsNotLost) {
+  DispatchQueue::stopMain();
+  std::promise<void> returned;
+  std::thread mainThread([&] {
+    DispatchQueue::runMain();  // must return at once
+    returned.set_value();
+  });
+  EXPECT_EQ(returned.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  if (mainThread.joinable()) mainThread.join();
+}
+
 TEST(DispatchGroupTest, NotifyRunsOnceAfterTheLastLeave) {
   DispatchGroup group;
   auto queue = DispatchQueue::makeSerial("com.quorvi.test.notify");

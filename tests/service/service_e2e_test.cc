@@ -342,7 +342,25 @@ TEST(ServiceActivationTest, TheFirstCallStartsTheServiceFromItsServiceFile) {
   auto result = callMember(*client, "CheckAppIndexIsReadyWithCompletion", {}, 20s);
   ASSERT_TRUE(result.ok) << result.errorName << " " << result.errorMessage;
   EXPECT_TRUE(client->serviceIsRunning());
-  bus.stop();  // the activated service ends with its bus
+  pid_t pid = 0;
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_message* reply = nullptr;
+  ASSERT_GE(sd_bus_call_method(client->bus(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "GetConnectionUnixProcessID", &error, &reply, "s", kBusName),
+            0);
+  sd_bus_message_read(reply, "u", &pid);
+  sd_bus_message_unref(reply);
+  // The activated service ends with its bus, even right after its start.
+  client.reset();
+  bus.stop();
+  bool gone = false;
+  for (int i = 0; i < 500 && !gone; ++i) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    gone = !std::getline(stat, line) || line.find(") Z") != std::string::npos;
+    if (!gone) std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_TRUE(gone) << "activated quorvifind " << pid << " outlived its bus";
 }
 
 TEST_F(ServiceTest, TheServiceEndsWhenItsBusGoesAway) {
