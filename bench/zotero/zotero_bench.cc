@@ -5,13 +5,21 @@
 //                                         process), another uncached one (warm),
 //                                         then a cached one; prints on stderr
 //                                         "cold_ms <ms> warm_ms <ms> cached_ms <ms> bytes <n>"
+//   zotero_bench bus ADDRESS FOLDER REPS  the same through quorvifind on that bus:
+//                                         the service's first request, then REPS
+//                                         uncached and REPS cached ones; prints
+//                                         "bus_cold_ms <ms> bus_warm_ms <median> bus_cached_ms <median>"
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
 
+#include <algorithm>
+#include <vector>
+
 #include "library_generator.h"
+#include "service/bus_client.h"
 #include "zotero/zotero_indexer.h"
 
 namespace {
@@ -37,6 +45,41 @@ int index(const std::string& folder, const std::string& work) {
   return 0;
 }
 
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+int overTheBus(const std::string& address, const std::string& folder, int reps) {
+  std::string error;
+  auto client = quorvi::BusClient::connect(address, &error);
+  if (!client) {
+    std::fprintf(stderr, "zotero_bench: bus: %s\n", error.c_str());
+    return 1;
+  }
+  const quorvi::MemberInfo* member = quorvi::findMember("IndexZoteroAtUseCacheIfAvailableCompletion");
+  bool answered = true;
+  auto call = [&](bool useCache) {
+    quorvi::CallArguments arguments;
+    quorvi::argumentsFromWords(member->inSignature, {folder, useCache ? "true" : "false"}, arguments, &error);
+    return millisecondsOf([&] {
+      auto result = client->call(*member, arguments, std::chrono::seconds(120));
+      answered = answered && result.ok && !result.values.empty() && result.values[0].value;
+    });
+  };
+  double cold = call(false);
+  std::vector<double> warm, cached;
+  for (int i = 0; i < reps; ++i) warm.push_back(call(false));
+  for (int i = 0; i < reps; ++i) cached.push_back(call(true));
+  if (!answered) {
+    std::fprintf(stderr, "zotero_bench: the service gave no index\n");
+    return 1;
+  }
+  std::fprintf(stderr, "bus_cold_ms %.1f bus_warm_ms %.1f bus_cached_ms %.2f\n", cold, median(warm), median(cached));
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -44,6 +87,7 @@ int main(int argc, char** argv) {
   if (command == "generate" && argc == 4)
     return quorvi::bench::generateZoteroLibrary(argv[3], std::strtoull(argv[2], nullptr, 10)) ? 0 : 1;
   if (command == "index" && argc == 4) return index(argv[2], argv[3]);
-  std::fprintf(stderr, "usage: zotero_bench generate ITEMS FOLDER | index FOLDER WORKDIR\n");
+  if (command == "bus" && argc == 5) return overTheBus(argv[2], argv[3], std::atoi(argv[4]));
+  std::fprintf(stderr, "usage: zotero_bench generate ITEMS FOLDER | index FOLDER WORKDIR | bus ADDRESS FOLDER REPS\n");
   return 2;
 }
