@@ -96,6 +96,23 @@ int main(int argc, char** argv) {
     std::printf("@scan %.6f\n@records %lld\n@rss_per_entry %.1f\n@index_per_entry %.1f\n", median(scanTimes),
                 static_cast<long long>(records), rssPerEntry, indexPerEntry);
 
+    // #15 answers on the bus thread: how long a look-up of the oldest record
+    // (the last one compared) and of a missing path take.
+    auto all = indexer.fileRef().copy();
+    if (!all.empty() && !all.back()->empty()) {
+      std::string oldest = all.back()->path(all.back()->size() - 1);
+      for (const std::string& path : {oldest, tree + "/missing/nothing.txt"}) {
+        std::vector<double> times;
+        bool found = false;
+        for (int r = 0; r < std::max(reps, 3); ++r) {
+          auto start = Clock::now();
+          found = indexer.containsFile(path);
+          times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        }
+        std::printf("containsFile (%s): median %.3f ms\n", found ? "oldest record" : "missing path", median(times));
+      }
+    }
+
     for (const auto& query : queries) {
       std::vector<double> times;
       std::size_t hits = 0;
@@ -107,6 +124,22 @@ int main(int argc, char** argv) {
       }
       std::printf("search (in process) '%s': median %.3f ms, %zu hits\n", query.c_str(), median(times), hits);
       std::printf("@search_inproc %s|%.4f\n", query.c_str(), median(times));
+    }
+    // The match loop alone (no post-check), one worker against the pool, alternated.
+    auto groupsOf = [](const std::string& q) { return quorvi::MatchLogic::parse(q); };
+    for (const auto& query : queries) {
+      std::vector<double> one, pool;
+      auto groups = groupsOf(query);
+      for (int r = 0; r < std::max(reps * 4, 9); ++r) {
+        auto t0 = Clock::now();
+        quorvi::runMatchLoop(all, groups, limit, nullptr, SIZE_MAX);
+        auto t1 = Clock::now();
+        quorvi::runMatchLoop(all, groups, limit, nullptr);
+        auto t2 = Clock::now();
+        one.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+        pool.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+      }
+      std::printf("match loop '%s': one worker %.3f ms, pool %.3f ms\n", query.c_str(), median(one), median(pool));
     }
   }
 

@@ -366,10 +366,27 @@ bool FileIndexer::containsFile(std::string_view path) const {
   if (path.empty()) return false;
   std::size_t slash = path.rfind('/');
   std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  if (name.empty()) return false;
+  // Every record named `name` holds, in its arena region, either the name in
+  // ASCII lower case (at the start of its match text) or the raw name (after
+  // it). So only the records where one of the two occurs need comparing.
+  std::string lower(name);
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+  }
   FileSegments segments = fileRef_.copy();
   for (const auto& table : segments) {
-    for (std::size_t row = 0; row < table->size(); ++row) {
-      if (table->nameEquals(row, name) && table->path(row) == path) return true;
+    std::string_view arena = table->arena();
+    std::vector<std::string_view> needles{lower};
+    if (lower != name) needles.push_back(name);
+    for (const std::string_view needle : needles) {
+      const char* position = arena.data();
+      const char* const end = arena.data() + arena.size();
+      while (const char* hit = findBytes(position, end, needle)) {
+        std::size_t row = table->recordAt(static_cast<std::size_t>(hit - arena.data()));
+        if (table->nameEquals(row, name) && table->path(row) == path) return true;
+        position = arena.data() + table->textOffset(row + 1);
+      }
     }
   }
   return false;

@@ -7,7 +7,9 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <mutex>
 #include <unordered_set>
 
 namespace quorvi {
@@ -292,23 +294,44 @@ std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vec
       sequential(0, rows);
       continue;
     }
-    // Parts in parallel, each keeping at most the hits still wanted; then
-    // merged in order. Dedupe may drop some of a part's hits, so a part that
-    // stopped early is continued in order where it stopped.
-    const std::size_t parts = std::min<std::size_t>(workers, 4);
+    // Chunks in order, taken by whichever worker is free; each keeps at most
+    // the hits still wanted. Nobody starts a new chunk once the chunks done
+    // from the front hold enough hits, so little work is wasted when hits
+    // come early, and a busy machine simply gets the chunks done in turn.
+    // Dedupe may drop some of a chunk's hits, so a chunk that stopped early
+    // is continued in order where it stopped.
+    const std::size_t chunks = std::min<std::size_t>(workers * 8, rows);
     const std::size_t wanted = limit - hits.size();
-    std::vector<std::vector<uint32_t>> found(parts);
-    std::vector<std::size_t> stoppedAt(parts, 0);
-    auto boundary = [&](std::size_t k) { return rows * k / parts; };
-    concurrentPerform(parts, [&](std::size_t k) {
-      forEachCandidate(table, anchor, boundary(k), boundary(k + 1), [&](std::size_t row) {
-        if (MatchLogic::matchesAll(groups, table.matchCString(row))) found[k].push_back(static_cast<uint32_t>(row));
-        if (found[k].size() < wanted) return true;
-        stoppedAt[k] = row + 1;
-        return false;
-      });
+    std::vector<std::vector<uint32_t>> found(chunks);
+    std::vector<std::size_t> stoppedAt(chunks, 0);
+    std::vector<uint8_t> done(chunks, 0);
+    std::atomic<std::size_t> nextChunk{0};
+    std::atomic<bool> enough{false};
+    std::mutex progress;
+    std::size_t frontDone = 0, frontHits = 0;
+    auto boundary = [&](std::size_t k) { return rows * k / chunks; };
+    concurrentPerform(workers, [&](std::size_t) {
+      for (;;) {
+        if (enough.load(std::memory_order_acquire)) return;
+        std::size_t k = nextChunk.fetch_add(1);
+        if (k >= chunks) return;
+        forEachCandidate(table, anchor, boundary(k), boundary(k + 1), [&](std::size_t row) {
+          if (MatchLogic::matchesAll(groups, table.matchCString(row))) found[k].push_back(static_cast<uint32_t>(row));
+          if (found[k].size() < wanted) return true;
+          stoppedAt[k] = row + 1;
+          return false;
+        });
+        std::lock_guard guard(progress);
+        done[k] = 1;
+        while (frontDone < chunks && done[frontDone]) frontHits += found[frontDone++].size();
+        if (frontHits >= wanted) enough.store(true, std::memory_order_release);
+      }
     });
-    for (std::size_t k = 0; k < parts && hits.size() < limit; ++k) {
+    for (std::size_t k = 0; k < chunks && hits.size() < limit; ++k) {
+      if (!done[k]) {
+        sequential(boundary(k), boundary(k + 1));
+        continue;
+      }
       for (uint32_t row : found[k]) {
         hits.add(segments, s, row);
         if (hits.size() >= limit) break;

@@ -92,6 +92,12 @@ TEST_F(ScanTest, MatchTextHoldsTheLowerCasedNameAndPinyinForChineseNames) {
   EXPECT_NE(chinese.find(" bg"), std::string::npos) << chinese;
   EXPECT_EQ(namesOf(indexer_.searchFiles("baogao", 10)), std::vector<std::string>{"报告2024.pdf"});
   EXPECT_EQ(namesOf(indexer_.searchFiles("report", 10)), std::vector<std::string>{"Quarterly REPORT.PDF"});
+  // Found by path whatever the name's case or script (#15).
+  for (const char* name : {"Quarterly REPORT.PDF", "报告2024.pdf", "Émile.txt"}) {
+    EXPECT_TRUE(indexer_.containsFile(tree_.home() + "/m/" + name)) << name;
+  }
+  EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/m/quarterly report.pdf"));
+  EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/m/émile.txt"));
 }
 
 TEST_F(ScanTest, NamesThatAreNotUtf8AreFoundAndEncodeIntoValidJson) {
@@ -105,6 +111,7 @@ TEST_F(ScanTest, NamesThatAreNotUtf8AreFoundAndEncodeIntoValidJson) {
   auto hits = indexer_.searchFiles("menu", 10);
   ASSERT_EQ(hits.size(), 1u);
   EXPECT_TRUE(hits[0].fileRefURL.isReachable());
+  EXPECT_TRUE(indexer_.containsFile(tree_.home() + "/u/" + raw));
   Json array = Json::array({FileBridge::from(hits[0]).toJson()});
   auto bytes = encodeJson(array);
   ASSERT_TRUE(bytes);
