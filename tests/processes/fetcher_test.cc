@@ -56,8 +56,16 @@ TEST(FetcherSteps, RowsBecomeEntriesSortedByNameAndVanishedPidsAreLeftOut) {
     proc.write(std::to_string(pid) + "/comm", std::string(name) + "\n");
     fs::create_symlink("/usr/bin/" + std::string(name), proc.path() + "/" + std::to_string(pid) + "/exe");
   }
-  std::vector<ProcessRow> rows = {{20, 1, "0.5", 10, {}}, {21, 1, "0.0", 1, {}}, {22, 20, "1.0", 2, {}},
-                                  {23, 1, "0.0", 1, {}},  {99, 1, "0.0", 1, {}}};  // 99 has ended
+  auto row = [](int32_t pid, int32_t ppid, std::string cpu, int64_t kilobytes) {
+    ProcessRow r;
+    r.pid = pid;
+    r.ppid = ppid;
+    r.cpu = std::move(cpu);
+    r.residentKilobytes = kilobytes;
+    return r;
+  };
+  std::vector<ProcessRow> rows = {row(20, 1, "0.5", 10), row(21, 1, "0.0", 1), row(22, 20, "1.0", 2),
+                                  row(23, 1, "0.0", 1), row(99, 1, "0.0", 1)};  // 99 has ended
   auto entries = entriesFromRows(rows, ProcessHelper(proc.path()));
   std::vector<int64_t> order;
   for (const auto& e : entries) order.push_back(e.pid);
@@ -71,7 +79,7 @@ TEST(FetcherSteps, RowsBecomeEntriesSortedByNameAndVanishedPidsAreLeftOut) {
   EXPECT_EQ(first.activationPolicy, kActivationPolicyProhibited);
 
   // The real /proc: a reaped child's pid is left out, this process is kept.
-  auto live = entriesFromRows({{testing::vanishedPid(), 1, "0.0", 1, {}}, {::getpid(), 1, "0.0", 1, {}}},
+  auto live = entriesFromRows({row(testing::vanishedPid(), 1, "0.0", 1), row(::getpid(), 1, "0.0", 1)},
                               ProcessHelper());
   ASSERT_EQ(live.size(), 1u);
   EXPECT_EQ(live[0].pid, ::getpid());

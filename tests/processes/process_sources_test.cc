@@ -105,13 +105,17 @@ TEST(PortSources, BothFindAChildsListeners) {
   auto native = listenersFromProc();
   EXPECT_EQ(portsOf(native, child.pid()), expected);
   for (const auto& listener : native) {
-    if (listener.pid == child.pid()) EXPECT_EQ(listener.name, "quorvi listen");
+    if (listener.pid == child.pid()) {
+      EXPECT_EQ(listener.name, "quorvi listen");
+    }
   }
   if (PortListener::lsofPath().empty()) GTEST_SKIP() << "lsof is not installed";
   auto fromLsof = PortListener::listenersFromLsof();
   EXPECT_EQ(portsOf(fromLsof, child.pid()), expected);
   for (const auto& listener : fromLsof) {
-    if (listener.pid == child.pid()) EXPECT_EQ(listener.name, "quorvi listen");  // "\x20" undone
+    if (listener.pid == child.pid()) {
+      EXPECT_EQ(listener.name, "quorvi listen");  // "\x20" undone
+    }
   }
 }
 
@@ -145,7 +149,9 @@ TEST(PortSources, NativeAgreesWithLsofOnEveryListener) {
   // Names and users agree too.
   for (const auto& listener : fromLsof) {
     for (const auto& mine : after) {
-      if (mine.pid == listener.pid && mine.port == listener.port) EXPECT_EQ(mine.user, listener.user);
+      if (mine.pid == listener.pid && mine.port == listener.port) {
+        EXPECT_EQ(mine.user, listener.user);
+      }
     }
   }
 }
