@@ -2,6 +2,8 @@
 
 #include <unicode/brkiter.h>
 #include <unicode/uchar.h>
+#include <unicode/unorm2.h>
+#include <unicode/ustring.h>
 #include <unicode/locid.h>
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
@@ -76,6 +78,84 @@ bool splitAtCodePoints(const std::string& text, std::vector<uint32_t>& offsets) 
   return true;
 }
 
+// How each code point of the Basic Multilingual Plane folds on its own, for
+// texts that need neither context nor composition: its lower-case form (or
+// itself, when not lower-casing) if that is one code point that canonical
+// composition leaves alone; 0 when the code point needs ICU's full treatment
+// (final sigma, expansions, combining marks, ...). Read from ICU's own data.
+struct FoldTable {
+  std::vector<uint16_t> lower = std::vector<uint16_t>(0x10000, 0);
+  std::vector<uint16_t> same = std::vector<uint16_t>(0x10000, 0);
+};
+
+bool composesAlone(UChar32 c) {
+  return u_getIntPropertyValue(c, UCHAR_NFC_QUICK_CHECK) == UNORM_YES && u_getCombiningClass(c) == 0;
+}
+
+const FoldTable& foldTable() {
+  static const auto* table = [] {
+    auto* made = new FoldTable();
+    for (UChar32 c = 1; c < 0x10000; ++c) {
+      if (U_IS_SURROGATE(c) || !composesAlone(c)) continue;
+      made->same[c] = static_cast<uint16_t>(c);
+      if (c == 0x03A3) continue;  // capital sigma lower-cases by context
+      const UChar source = static_cast<UChar>(c);
+      UChar folded[4];
+      UErrorCode status = U_ZERO_ERROR;
+      const int32_t length = u_strToLower(folded, 4, &source, 1, "", &status);
+      if (U_SUCCESS(status) && length == 1 && !U_IS_SURROGATE(folded[0]) && composesAlone(folded[0]))
+        made->lower[c] = folded[0];
+    }
+    return made;
+  }();
+  return *table;
+}
+
+// Folds a text of well-formed one- to three-byte code points that all fold on
+// their own; false (out unspecified) when any does not.
+bool foldSimply(std::string_view text, bool lowercase, std::string& out) {
+  const std::vector<uint16_t>& map = lowercase ? foldTable().lower : foldTable().same;
+  out.clear();
+  const std::size_t size = text.size();
+  auto continuation = [&](std::size_t at) {
+    return at < size && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80;
+  };
+  for (std::size_t i = 0; i < size;) {
+    const unsigned char lead = static_cast<unsigned char>(text[i]);
+    uint32_t c;
+    if (lead < 0x80) {
+      out.push_back(static_cast<char>(lowercase && static_cast<unsigned>(lead - 'A') < 26u ? lead + 32 : lead));
+      ++i;
+      continue;
+    }
+    if (lead >= 0xC2 && lead <= 0xDF && continuation(i + 1)) {
+      c = ((lead & 0x1Fu) << 6) | (static_cast<unsigned char>(text[i + 1]) & 0x3Fu);
+      i += 2;
+    } else if ((lead & 0xF0) == 0xE0 && continuation(i + 1) && continuation(i + 2)) {
+      c = ((lead & 0x0Fu) << 12) | ((static_cast<unsigned char>(text[i + 1]) & 0x3Fu) << 6) |
+          (static_cast<unsigned char>(text[i + 2]) & 0x3Fu);
+      if (c < 0x800 || U_IS_SURROGATE(c)) return false;
+      i += 3;
+    } else {
+      return false;
+    }
+    const uint32_t folded = map[c];
+    if (folded == 0) return false;
+    if (folded < 0x80) {  // the Kelvin sign, for one, folds to ASCII
+      out.push_back(static_cast<char>(folded));
+      continue;
+    }
+    if (folded < 0x800) {
+      out.push_back(static_cast<char>(0xC0 | (folded >> 6)));
+    } else {
+      out.push_back(static_cast<char>(0xE0 | (folded >> 12)));
+      out.push_back(static_cast<char>(0x80 | ((folded >> 6) & 0x3F)));
+    }
+    out.push_back(static_cast<char>(0x80 | (folded & 0x3F)));
+  }
+  return true;
+}
+
 }  // namespace
 
 void foldText(std::string_view text, bool lowercase, std::string& out) {
@@ -86,6 +166,7 @@ void foldText(std::string_view text, bool lowercase, std::string& out) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     return;
   }
+  if (foldSimply(text, lowercase, out)) return;
   icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   if (lowercase) unicode.toLower(icu::Locale::getRoot());

@@ -49,11 +49,6 @@ double Fuse::score(long errors, long x, long patternLength) const {
   return scoreAtProximity(errors, std::fabs(static_cast<double>(location) - static_cast<double>(x)), patternLength);
 }
 
-double Fuse::scoreAtProximity(long errors, double proximity, long patternLength) const {
-  const double accuracy = static_cast<double>(errors) / static_cast<double>(patternLength);
-  if (distance == 0) return proximity == 0 ? accuracy : 1.0;
-  return accuracy + proximity / static_cast<double>(distance);
-}
 
 std::optional<FuseMatch> Fuse::search(const std::optional<FusePattern>& pattern, std::string_view text) const {
   if (!pattern) return std::nullopt;
@@ -70,13 +65,19 @@ std::vector<FuseStringResult> Fuse::search(std::string_view pattern, const std::
   std::vector<FuseStringResult> results;
   const std::optional<FusePattern> compiled = createPattern(pattern);
   if (!compiled) return results;
-  for (std::size_t index = 0; index < texts.size(); ++index) {
-    CharacterString& characters = textScratch();
-    characters.assign(texts[index], !isCaseSensitive);
-    FuseMatch match = searchCharacters(*compiled, characters, false);
-    if (match.score != 1.0) results.push_back({static_cast<long>(index), match.score, std::move(match.ranges)});
-  }
+  for (std::size_t index = 0; index < texts.size(); ++index)
+    if (auto result = searchListed(*compiled, texts[index], static_cast<long>(index)))
+      results.push_back(std::move(*result));
   return results;
+}
+
+std::optional<FuseStringResult> Fuse::searchListed(const FusePattern& pattern, std::string_view text,
+                                                   long index) const {
+  CharacterString& characters = textScratch();
+  characters.assign(text, !isCaseSensitive);
+  FuseMatch match = searchCharacters(pattern, characters, false);
+  if (match.score == 1.0) return std::nullopt;
+  return FuseStringResult{index, match.score, std::move(match.ranges)};
 }
 
 }  // namespace quorvi

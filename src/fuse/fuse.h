@@ -92,7 +92,11 @@ class Fuse {
   double score(long errors, long x, long patternLength) const;
 
  private:
-  double scoreAtProximity(long errors, double proximity, long patternLength) const;
+  double scoreAtProximity(long errors, double proximity, long patternLength) const {
+    const double accuracy = static_cast<double>(errors) / static_cast<double>(patternLength);
+    if (distance == 0) return proximity == 0 ? accuracy : 1.0;
+    return accuracy + proximity / static_cast<double>(distance);
+  }
   // The bitap search of a folded text. The ranges of a text that scores 1.0 are
   // only worked out when rangesOfMisses is set.
   FuseMatch searchCharacters(const FusePattern& pattern, const CharacterString& text, bool rangesOfMisses) const;
@@ -100,6 +104,8 @@ class Fuse {
   long widestReach(long errors, long len, double currentThreshold) const;
   std::optional<FuseItemResult> searchItem(const FusePattern& pattern, const std::vector<FusePattern>& words,
                                            const Fuseable& item, long index) const;
+  // The record of one text of a list, absent when it scores 1.0.
+  std::optional<FuseStringResult> searchListed(const FusePattern& pattern, std::string_view text, long index) const;
   std::vector<FusePattern> wordPatterns(const FusePattern& pattern) const;
   std::unique_ptr<Fuse> copySettings() const;
 

@@ -136,33 +136,50 @@ FuseMatch Fuse::searchCharacters(const FusePattern& pattern, const CharacterStri
     row.resize(static_cast<std::size_t>(count + len + 2));
     previous.resize(row.size());
   }
-  long previousLow = 0, previousHigh = -1;  // entries of the previous row that were written
+  // What the previous row holds: explicit entries [low, high] in its buffer and,
+  // with a tail, its seed at every j in (count, finish + 1] (unwritten). Every
+  // other entry reads as zero, as in a fresh row.
+  struct RowShape {
+    long low = 0, high = -1, finish = -1;
+    bool tail = false;
+    uint64_t seed = 0;
+  } last;
   const long passes = std::min(len, kLastPass + 1);
   for (long i = 0; i < passes; ++i) {
     const long binMid = reachOfPass(i, len, currentThreshold, binMax);
     const long start = std::max(1L, at - binMid + 1);
     const long finish = std::min(at + binMid, count) + len;
+    const uint64_t seed = (uint64_t{1} << i) - 1;
     if (finish < start) {  // nothing in reach: the row holds only its seed
-      if (finish >= -1) row[finish + 1] = (uint64_t{1} << i) - 1;
-      previousLow = previousHigh = finish + 1;
+      if (finish >= -1) row[finish + 1] = seed;
+      last = {finish + 1, finish + 1, finish, false, seed};
       if (scoreAtProximity(i + 1, 0.0, len) > currentThreshold) break;
       std::swap(row, previous);
       continue;
     }
-    // Entries the previous pass did not write read as zeros.
+    // Past the end of the text no character matches, so there every entry of
+    // a row is its seed, as long as the previous row reached as far. Such a
+    // tail is left unwritten and the walk starts at the end of the text.
+    const bool tail = finish > count && (i == 0 || (last.tail && finish <= last.finish));
+    const long top = tail ? count : finish;
     if (i != 0) {
-      for (long j = start; j < std::min(previousLow, finish + 2); ++j) previous[j] = 0;
-      for (long j = std::max(previousHigh + 1, start); j <= finish + 1; ++j) previous[j] = 0;
+      // Give the previous row's unwritten entries in reach their values.
+      auto fill = [&](long from, long to) {
+        for (long k = from; k <= to; ++k)
+          previous[k] = last.tail && k > count && k <= last.finish + 1 ? last.seed : 0;
+      };
+      fill(start, std::min(last.low - 1, top + 1));
+      fill(std::max(last.high + 1, start), top + 1);
     }
-    uint64_t value = (uint64_t{1} << i) - 1;
+    uint64_t value = seed;
     // Raw pointers: stores into the row must not make the compiler reload the buffers.
     uint64_t* const rowAt = row.data();
     const uint64_t* const previousAt = previous.data();
     const uint64_t* const bitsAt = bits.data();
-    rowAt[finish + 1] = value;
+    rowAt[top + 1] = value;
     long stoppedAt = start;  // where the walk down the row ended
     if (i == 0) {
-      for (long j = finish; j >= start; --j) {
+      for (long j = top; j >= start; --j) {
         value = ((value << 1) | 1) & bitsAt[j - 1];
         rowAt[j] = value;
         if ((value & fullMatch) == 0) continue;
@@ -176,8 +193,8 @@ FuseMatch Fuse::searchCharacters(const FusePattern& pattern, const CharacterStri
         }
       }
     } else {
-      uint64_t above = previousAt[finish + 1];
-      for (long j = finish; j >= start; --j) {
+      uint64_t above = previousAt[top + 1];
+      for (long j = top; j >= start; --j) {
         const uint64_t here = previousAt[j];
         value = (((value << 1) | 1) & bitsAt[j - 1]) | (((above | here) << 1) | 1) | above;
         above = here;
@@ -192,8 +209,8 @@ FuseMatch Fuse::searchCharacters(const FusePattern& pattern, const CharacterStri
         }
       }
     }
-    scratch.scanned.emplace_back(stoppedAt, finish);
-    previousLow = stoppedAt, previousHigh = finish + 1;
+    scratch.scanned.emplace_back(stoppedAt, top);
+    last = {stoppedAt, top + 1, finish, tail, seed};
     if (scoreAtProximity(i + 1, 0.0, len) > currentThreshold) break;
     std::swap(row, previous);
   }

@@ -57,9 +57,7 @@ void Fuse::search(std::string_view pattern, std::vector<std::string> texts, long
   auto compiled = std::make_shared<const std::optional<FusePattern>>(createPattern(pattern));
   auto list = std::make_shared<const std::vector<std::string>>(std::move(texts));
   auto searchOne = [settings, compiled](const std::string& text, long index) -> std::optional<FuseStringResult> {
-    std::optional<FuseMatch> match = settings->search(*compiled, text);
-    if (!match || match->score == 1.0) return std::nullopt;
-    return FuseStringResult{index, match->score, std::move(match->ranges)};
+    return settings->searchListed(**compiled, text, index);
   };
   searchInChunks<std::string, FuseStringResult>(searchQueue(), compiled->has_value(), list, chunkSize, searchOne,
                                                 std::move(completion));

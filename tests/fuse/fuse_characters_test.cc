@@ -66,6 +66,23 @@ TEST(FuseCharactersTest, CombiningMarksAndCaseFolding) {
   EXPECT_EQ(bare->score, 1.0);
 }
 
+TEST(FuseCharactersTest, FoldingFollowsFullUnicodeLowercasing) {
+  // The Kelvin sign folds to ASCII "k".
+  EXPECT_EQ(makeFuse().search("k", "\xE2\x84\xAA")->score, 0.0);
+  // A capital sigma at the end of a word becomes the final form.
+  const std::string odos = "\xCE\x9F\xCE\x94\xCE\x9F\xCE\xA3";  // "ΟΔΟΣ"
+  EXPECT_EQ(makeFuse().search("\xCE\xBF\xCE\xB4\xCE\xBF\xCF\x82", odos)->score, 0.0);
+  EXPECT_GT(makeFuse().search("\xCE\xBF\xCE\xB4\xCE\xBF\xCF\x83", odos)->score, 0.0);
+  // Dotted capital I becomes i + combining dot: still one character.
+  auto istanbul = makeFuse().search("stanbul", "\xC4\xB0stanbul");
+  ASSERT_TRUE(istanbul);
+  EXPECT_DOUBLE_EQ(istanbul->score, 0.01);
+  EXPECT_EQ(istanbul->ranges, (Ranges{{1, 7}}));
+  // Case-sensitive matching keeps the case of non-ASCII letters.
+  Fuse sensitive(0, 100, 0.6, 32, true, false);
+  EXPECT_EQ(sensitive.search("\xC3\xA9t\xC3\xA9", "\xC3\x89t\xC3\xA9")->score, 1.0 / 3.0);
+}
+
 TEST(FuseCharactersTest, CjkAndLineBreaks) {
   auto cjk = makeFuse().search("北京", "去北京的路");
   ASSERT_TRUE(cjk);
