@@ -93,7 +93,6 @@ int main(int argc, char** argv) {
     if (folderName == "node_modules") nodeModules.push_back(folders.size() - 1);
   }
   // Files: mostly anywhere; some in hidden folders and node_modules.
-  char buffer[32];
   const time_t start = 1420070400;  // 2015-01-01
   const time_t span = 11L * 365 * 24 * 3600;
   long made = 0;
@@ -107,7 +106,6 @@ int main(int argc, char** argv) {
     uint64_t kind = rng() % 1000;
     if (kind < 5) fileName = "~$" + fileName;
     else if (kind < 45) fileName = "." + fileName;
-    std::snprintf(buffer, sizeof buffer, "%ld", i % 7);
     std::string path = folders[at].path + "/" + fileName;
     int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
     if (fd < 0) continue;
