@@ -47,13 +47,13 @@ INSERT INTO libraries VALUES (1, 'user', 1, 1, 0, 0, 0, 0), (2, 'group', 1, 1, 0
 INSERT INTO groups VALUES (4355231, 2, 'Lab Reading Group', '', 0), (5120077, 3, 'beta project', '', 0);
 )SQL";
 
-const char* const kTypes[] = {"journalArticle", "book", "bookSection", "conferencePaper", "thesis",
-                              "report", "webpage", "preprint"};
-const char* const kWords[] = {"learning", "neural", "protein", "climate", "graph", "theory", "quantum",
-                              "model", "analysis", "deep", "structure", "dynamics", "network", "cell",
-                              "language", "optimal", "control", "evidence", "survey", "method"};
-const char* const kHanWords[] = {"机器", "学习", "蛋白质", "气候", "图论", "量子", "模型", "分析", "网络",
-                                 "语言", "研究", "方法", "系统", "数据"};
+const char* const kTypes[] = {"journalArticle", "book",   "bookSection", "conferencePaper",
+                              "thesis",         "report", "webpage",     "preprint"};
+const char* const kWords[] = {"learning", "neural",   "protein", "climate",   "graph",    "theory",  "quantum",
+                              "model",    "analysis", "deep",    "structure", "dynamics", "network", "cell",
+                              "language", "optimal",  "control", "evidence",  "survey",   "method"};
+const char* const kHanWords[] = {"机器", "学习", "蛋白质", "气候", "图论", "量子", "模型",
+                                 "分析", "网络", "语言",   "研究", "方法", "系统", "数据"};
 
 class Generator {
  public:
@@ -165,8 +165,8 @@ bool Generator::run(std::size_t itemCount) {
     std::string parent = c > 8 && next(4) != 0 ? std::to_string(1 + next(c - 1)) : "NULL";
     if (parent != "NULL" && collectionLibrary[std::stoll(parent) - 1] != library) parent = "NULL";
     exec("INSERT INTO collections (collectionID, collectionName, parentCollectionID, libraryID, key) VALUES (" +
-         std::to_string(c) + ", '" + kWords[c % std::size(kWords)] + " " + std::to_string(c) + "', " + parent +
-         ", " + std::to_string(library) + ", 'C" + std::to_string(c) + "');");
+         std::to_string(c) + ", '" + kWords[c % std::size(kWords)] + " " + std::to_string(c) + "', " + parent + ", " +
+         std::to_string(library) + ", 'C" + std::to_string(c) + "');");
     collectionLibrary.push_back(library);
   }
 
@@ -174,8 +174,9 @@ bool Generator::run(std::size_t itemCount) {
   insertValue_ = prepare("INSERT OR IGNORE INTO itemDataValues (value) VALUES (?);");
   findValue_ = prepare("SELECT valueID FROM itemDataValues WHERE value = ?;");
   insertData_ = prepare("INSERT INTO itemData VALUES (?, ?, ?);");
-  insertAttachment_ = prepare("INSERT INTO itemAttachments (itemID, parentItemID, linkMode, contentType, path) "
-                              "VALUES (?, ?, ?, 'application/pdf', ?);");
+  insertAttachment_ = prepare(
+      "INSERT INTO itemAttachments (itemID, parentItemID, linkMode, contentType, path) "
+      "VALUES (?, ?, ?, 'application/pdf', ?);");
   insertMember_ = prepare("INSERT OR IGNORE INTO collectionItems VALUES (?, ?, 0);");
 
   std::size_t made = 0;
@@ -186,12 +187,16 @@ bool Generator::run(std::size_t itemCount) {
     ++made;
     // Fields in ascending id, as Zotero writes them; about 7.6 per regular item.
     std::vector<std::pair<std::string, std::string>> rows = {
-        {"title", title(made)}, {"date", std::to_string(1990 + next(35))}, {"language", next(3) ? "en" : "zh"},
+        {"title", title(made)},
+        {"date", std::to_string(1990 + next(35))},
+        {"language", next(3) ? "en" : "zh"},
         {"DOI", "10." + std::to_string(1000 + next(9000)) + "/" + std::to_string(parent)},
         {"url", "https://example.org/paper/" + std::to_string(parent)},
         {"publicationTitle", std::string("Journal of ") + kWords[next(std::size(kWords))]},
         {"accessDate", "2023-0" + std::to_string(1 + next(9)) + "-1" + std::to_string(next(10)) + " 08:00:00"}};
-    if (next(5) < 3) rows.push_back({"abstractNote", std::string(200 + next(600), 'a' + char(next(26))) + " " + std::to_string(parent)});
+    if (next(5) < 3)
+      rows.push_back(
+          {"abstractNote", std::string(200 + next(600), 'a' + char(next(26))) + " " + std::to_string(parent)});
     if (next(2)) rows.push_back({"volume", std::to_string(1 + next(80))});
     std::sort(rows.begin(), rows.end(), [&](const auto& a, const auto& b) {
       return std::stoll(fieldIDs_.at(a.first)) < std::stoll(fieldIDs_.at(b.first));

@@ -12,7 +12,8 @@ namespace {
 
 std::string withoutStoragePrefix(std::string path) {
   static const std::string prefix = "storage:";
-  for (size_t at = path.find(prefix); at != std::string::npos; at = path.find(prefix, at)) path.erase(at, prefix.size());
+  for (size_t at = path.find(prefix); at != std::string::npos; at = path.find(prefix, at))
+    path.erase(at, prefix.size());
   return path;
 }
 
@@ -41,7 +42,7 @@ class ZoteroIndexBuilder {
 
  private:
   struct Chunk {
-    std::vector<Bytes> groupJSON;       // by library slot
+    std::vector<Bytes> groupJSON;  // by library slot
     std::vector<std::size_t> groupCount;
     std::vector<int64_t> indexedItems;
   };

@@ -31,7 +31,7 @@ struct ZoteroEntry {
   std::string library;
   int64_t libraryID = 0;
   std::string key;
-  std::string itemType;  // localised type name, raw type name, or "Unknown"
+  std::string itemType;                       // localised type name, raw type name, or "Unknown"
   std::optional<std::string> collectionPath;  // own collection first: "Child/Parent/Root"
   int64_t collectionOrderIndex = 0;
   std::optional<ZoteroItemAttachment> attachment;

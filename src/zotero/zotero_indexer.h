@@ -21,8 +21,8 @@ namespace quorvi {
 class ZoteroIndexer : public std::enable_shared_from_this<ZoteroIndexer> {
  public:
   struct Options {
-    std::string workingDirectory;  // empty: defaultZoteroWorkingDirectory()
-    double cacheLifetime = 1800.0;  // seconds after the last index request
+    std::string workingDirectory;          // empty: defaultZoteroWorkingDirectory()
+    double cacheLifetime = 1800.0;         // seconds after the last index request
     DispatchQueue* expiryQueue = nullptr;  // nullptr: the main queue
   };
   // Data (JSON array of groups) on success, else the failure text.

@@ -66,14 +66,14 @@ class ZoteroItemDataRows {
 
 // Everything read from one database. A table whose statement failed stays empty.
 struct ZoteroDatabase {
-  std::vector<ZoteroItemRef> items;  // in the order of the items table
-  std::unordered_map<int64_t, std::string> groupNames;     // library id → group name
-  std::unordered_map<int64_t, std::string> itemTypeNames;  // item type id → type name
-  ZoteroTextMap values;                                    // value id → value text
-  std::unordered_map<int64_t, std::string> fieldNames;     // field id → field name
-  std::unordered_map<int64_t, ZoteroItemAttachment> attachments;        // by item id
-  std::unordered_map<int64_t, ZoteroCollectionItem> collectionItems;    // by item id (last row wins)
-  std::unordered_map<int64_t, ZoteroCollection> collections;            // by collection id
+  std::vector<ZoteroItemRef> items;                                   // in the order of the items table
+  std::unordered_map<int64_t, std::string> groupNames;                // library id → group name
+  std::unordered_map<int64_t, std::string> itemTypeNames;             // item type id → type name
+  ZoteroTextMap values;                                               // value id → value text
+  std::unordered_map<int64_t, std::string> fieldNames;                // field id → field name
+  std::unordered_map<int64_t, ZoteroItemAttachment> attachments;      // by item id
+  std::unordered_map<int64_t, ZoteroCollectionItem> collectionItems;  // by item id (last row wins)
+  std::unordered_map<int64_t, ZoteroCollection> collections;          // by collection id
   ZoteroItemDataRows itemData;
   std::unordered_set<int64_t> deletedItemIDs;
 };

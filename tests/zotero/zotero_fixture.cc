@@ -54,8 +54,8 @@ INSERT INTO libraries VALUES (1, 'user', 1, 1, 0, 0, 0, 0);
 
 // Item types with Zotero's long-standing ids; "dataset" arrived later.
 const std::pair<const char*, int> kItemTypes[] = {
-    {"note", 1}, {"book", 2}, {"journalArticle", 4}, {"attachment", 14}, {"case", 17},
-    {"statute", 20}, {"email", 21}, {"encyclopediaArticle", 35}, {"dataset", 37}, {"annotation", 38},
+    {"note", 1},     {"book", 2},   {"journalArticle", 4},       {"attachment", 14}, {"case", 17},
+    {"statute", 20}, {"email", 21}, {"encyclopediaArticle", 35}, {"dataset", 37},    {"annotation", 38},
 };
 
 // A few fields in both numberings: current (title first) and legacy (url first).
@@ -65,9 +65,10 @@ struct FieldIDs {
   int legacy;
 };
 const FieldIDs kFields[] = {
-    {"title", 1, 110}, {"abstractNote", 2, 90}, {"date", 6, 14}, {"DOI", 8, 26},
-    {"url", 10, 1}, {"publicationTitle", 41, 12}, {"caseName", 54, 111}, {"nameOfAct", 114, 112},
-    {"subject", 72, 113}, {"volume", 22, 4},
+    {"title", 1, 110},     {"abstractNote", 2, 90}, {"date", 6, 14},
+    {"DOI", 8, 26},        {"url", 10, 1},          {"publicationTitle", 41, 12},
+    {"caseName", 54, 111}, {"nameOfAct", 114, 112}, {"subject", 72, 113},
+    {"volume", 22, 4},
 };
 
 }  // namespace
@@ -112,46 +113,36 @@ int64_t ZoteroLibraryFixture::itemTypeID(const std::string& name) const {
   throw std::runtime_error("no such item type in the fixture: " + name);
 }
 
-int64_t ZoteroLibraryFixture::addGroup(int64_t groupID, const std::string& name) {
-  exec("INSERT INTO libraries (type, editable, filesEditable) VALUES ('group', 1, 1);");
-  int64_t libraryID = sqlite3_last_insert_rowid(db_);
+// Runs one statement with bound values (0 binds NULL where a column is
+// optional); answers the first column of its row, else the last rowid.
+int64_t ZoteroLibraryFixture::run(const char* sql, std::initializer_list<Value> values) {
   sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(db_, "INSERT INTO groups VALUES (?, ?, ?, '', 0);", -1, &statement, nullptr);
-  sqlite3_bind_int64(statement, 1, groupID);
-  sqlite3_bind_int64(statement, 2, libraryID);
-  sqlite3_bind_text(statement, 3, name.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_step(statement);
+  if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) != SQLITE_OK)
+    throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(db_));
+  int index = 0;
+  for (const auto& value : values) {
+    ++index;
+    if (const auto* text = std::get_if<std::string>(&value)) {
+      if (!text->empty()) sqlite3_bind_text(statement, index, text->c_str(), -1, SQLITE_TRANSIENT);
+    } else if (int64_t number = std::get<int64_t>(value)) {
+      sqlite3_bind_int64(statement, index, number);
+    }
+  }
+  int64_t answer =
+      sqlite3_step(statement) == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : sqlite3_last_insert_rowid(db_);
   sqlite3_finalize(statement);
+  return answer;
+}
+
+int64_t ZoteroLibraryFixture::addGroup(int64_t groupID, const std::string& name) {
+  int64_t libraryID = run("INSERT INTO libraries (type, editable, filesEditable) VALUES ('group', 1, 1);", {});
+  run("INSERT INTO groups VALUES (?, ?, ?, '', 0);", {groupID, libraryID, name});
   return libraryID;
 }
 
 int64_t ZoteroLibraryFixture::addCollection(const std::string& name, int64_t parentID, int64_t libraryID) {
-  sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(db_,
-                     "INSERT INTO collections (collectionName, parentCollectionID, libraryID, key) VALUES (?, ?, ?, ?);",
-                     -1, &statement, nullptr);
-  sqlite3_bind_text(statement, 1, name.c_str(), -1, SQLITE_TRANSIENT);
-  if (parentID) sqlite3_bind_int64(statement, 2, parentID);
-  sqlite3_bind_int64(statement, 3, libraryID);
-  std::string key = "COLL" + std::to_string(++nextKey_);
-  sqlite3_bind_text(statement, 4, key.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_step(statement);
-  sqlite3_finalize(statement);
-  return sqlite3_last_insert_rowid(db_);
-}
-
-int64_t ZoteroLibraryFixture::valueID(const std::string& value) {
-  sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(db_, "INSERT OR IGNORE INTO itemDataValues (value) VALUES (?);", -1, &statement, nullptr);
-  sqlite3_bind_text(statement, 1, value.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_step(statement);
-  sqlite3_finalize(statement);
-  sqlite3_prepare_v2(db_, "SELECT valueID FROM itemDataValues WHERE value = ?;", -1, &statement, nullptr);
-  sqlite3_bind_text(statement, 1, value.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_step(statement);
-  int64_t id = sqlite3_column_int64(statement, 0);
-  sqlite3_finalize(statement);
-  return id;
+  return run("INSERT INTO collections (collectionName, parentCollectionID, libraryID, key) VALUES (?, ?, ?, ?);",
+             {name, parentID, libraryID, "COLL" + std::to_string(++nextKey_)});
 }
 
 int64_t ZoteroLibraryFixture::addItem(const std::string& type, const FieldValues& fields, int64_t libraryID) {
@@ -159,39 +150,28 @@ int64_t ZoteroLibraryFixture::addItem(const std::string& type, const FieldValues
 }
 
 int64_t ZoteroLibraryFixture::addItemWithTypeID(int64_t itemTypeID, const FieldValues& fields, int64_t libraryID) {
-  std::string key = "ITEM" + std::to_string(++nextKey_);
-  exec("INSERT INTO items (itemTypeID, dateModified, libraryID, key) VALUES (" + std::to_string(itemTypeID) +
-       ", '2024-03-05 10:20:30', " + std::to_string(libraryID) + ", '" + key + "');");
-  int64_t itemID = sqlite3_last_insert_rowid(db_);
+  int64_t itemID = run("INSERT INTO items (itemTypeID, dateModified, libraryID, key) VALUES (?, ?, ?, ?);",
+                       {itemTypeID, "2024-03-05 10:20:30", libraryID, "ITEM" + std::to_string(++nextKey_)});
   std::vector<std::pair<int64_t, int64_t>> rows;
-  for (const auto& [name, value] : fields) rows.emplace_back(fieldID(name), valueID(value));
+  for (const auto& [name, value] : fields) {
+    run("INSERT OR IGNORE INTO itemDataValues (value) VALUES (?);", {value});
+    rows.emplace_back(fieldID(name), run("SELECT valueID FROM itemDataValues WHERE value = ?;", {value}));
+  }
   std::sort(rows.begin(), rows.end());
-  for (const auto& [field, value] : rows)
-    exec("INSERT INTO itemData VALUES (" + std::to_string(itemID) + ", " + std::to_string(field) + ", " +
-         std::to_string(value) + ");");
+  for (const auto& [field, value] : rows) run("INSERT INTO itemData VALUES (?, ?, ?);", {itemID, field, value});
   return itemID;
 }
 
 void ZoteroLibraryFixture::addToCollection(int64_t collectionID, int64_t itemID) {
-  exec("INSERT INTO collectionItems VALUES (" + std::to_string(collectionID) + ", " + std::to_string(itemID) +
-       ", 3);");
+  run("INSERT INTO collectionItems VALUES (?, ?, 3);", {collectionID, itemID});
 }
 
 void ZoteroLibraryFixture::addAttachment(int64_t itemID, int64_t parentItemID, const std::string& contentType,
                                          const std::string& path) {
-  sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(db_, "INSERT INTO itemAttachments (itemID, parentItemID, linkMode, contentType, path) "
-                          "VALUES (?, ?, 0, ?, ?);", -1, &statement, nullptr);
-  sqlite3_bind_int64(statement, 1, itemID);
-  if (parentItemID) sqlite3_bind_int64(statement, 2, parentItemID);
-  sqlite3_bind_text(statement, 3, contentType.c_str(), -1, SQLITE_TRANSIENT);
-  if (!path.empty()) sqlite3_bind_text(statement, 4, path.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_step(statement);
-  sqlite3_finalize(statement);
+  run("INSERT INTO itemAttachments (itemID, parentItemID, linkMode, contentType, path) VALUES (?, ?, 0, ?, ?);",
+      {itemID, parentItemID, contentType, path});
 }
 
-void ZoteroLibraryFixture::trash(int64_t itemID) {
-  exec("INSERT INTO deletedItems (itemID) VALUES (" + std::to_string(itemID) + ");");
-}
+void ZoteroLibraryFixture::trash(int64_t itemID) { run("INSERT INTO deletedItems (itemID) VALUES (?);", {itemID}); }
 
 }  // namespace quorvi::zotero_fixture

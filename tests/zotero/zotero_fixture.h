@@ -8,7 +8,9 @@
 
 #include <cstdint>
 #include <string>
+#include <initializer_list>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace quorvi::zotero_fixture {
@@ -54,7 +56,8 @@ class ZoteroLibraryFixture {
   void close();
 
  private:
-  int64_t valueID(const std::string& value);
+  using Value = std::variant<int64_t, std::string>;
+  int64_t run(const char* sql, std::initializer_list<Value> values);
   std::string folder_;
   FieldNumbering numbering_;
   sqlite3* db_ = nullptr;

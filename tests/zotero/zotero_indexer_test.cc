@@ -128,8 +128,8 @@ TEST_F(IndexerTest, SkippedItemsTypesAndAttachments) {
   EXPECT_EQ(entryTitled(result, "Wiki")["itemType"], "百科全书文章");
 
   Json storedEntry = entryTitled(result, "Stored PDF");
-  EXPECT_EQ(storedEntry["attachment"], (Json{{"itemID", stored}, {"contentType", "application/pdf"},
-                                             {"path", "storage:Smith 2020.pdf"}}));
+  EXPECT_EQ(storedEntry["attachment"],
+            (Json{{"itemID", stored}, {"contentType", "application/pdf"}, {"path", "storage:Smith 2020.pdf"}}));
   EXPECT_EQ(storedEntry["itemType"], "附件");
   EXPECT_EQ(storedEntry["searchKeyword"], "stored pdf_zotero_my_library_smith 2020.pdf");
   EXPECT_EQ(entryTitled(result, "Linked PDF")["searchKeyword"],
@@ -160,11 +160,11 @@ TEST_F(IndexerTest, CyclicAndDanglingParentsEndThePath) {
   ZoteroLibraryFixture library(folder);
   int64_t a = library.addCollection("A");
   int64_t b = library.addCollection("B", a);
-  library.exec("UPDATE collections SET parentCollectionID = " + std::to_string(b) + " WHERE collectionID = " +
-               std::to_string(a) + ";");
+  library.exec("UPDATE collections SET parentCollectionID = " + std::to_string(b) +
+               " WHERE collectionID = " + std::to_string(a) + ";");
   int64_t self = library.addCollection("Self");
-  library.exec("UPDATE collections SET parentCollectionID = collectionID WHERE collectionID = " +
-               std::to_string(self) + ";");
+  library.exec("UPDATE collections SET parentCollectionID = collectionID WHERE collectionID = " + std::to_string(self) +
+               ";");
   int64_t orphan = library.addCollection("Orphan", 9999);
   int64_t inCycle = library.addItem("book", {{"title", "Cycle"}});
   int64_t inSelf = library.addItem("book", {{"title", "Self"}});
@@ -208,14 +208,19 @@ TEST_F(IndexerTest, CacheIsReusedOnlyForTheSameFolder) {
   auto missing = indexer->index(temp.path() + "/nowhere", true);
   EXPECT_FALSE(missing.data);
   EXPECT_EQ(missing.failure, "Zotero Library Not Exist");
+  EXPECT_TRUE(indexer->hasCachedResult());  // a failed request keeps the last result
 }
 
 TEST_F(IndexerTest, PreviewAnswersFromTheCacheUntilItExpires) {
   ZoteroLibraryFixture library(folder, FieldNumbering::legacy);
   int64_t item = library.addItem("journalArticle", {{"url", "http://x"}, {"title", "T \"quoted\""}});
-  library.exec("INSERT INTO fields VALUES (500, 'customField', NULL);"
-               "INSERT INTO itemData VALUES (" + std::to_string(item) + ", 500, 1);"
-               "INSERT INTO itemData VALUES (" + std::to_string(item) + ", 501, 1);");  // unknown field: left out
+  library.exec(
+      "INSERT INTO fields VALUES (500, 'customField', NULL);"
+      "INSERT INTO itemData VALUES (" +
+      std::to_string(item) +
+      ", 500, 1);"
+      "INSERT INTO itemData VALUES (" +
+      std::to_string(item) + ", 501, 1);");  // unknown field: left out
   EXPECT_FALSE(indexer->preview(item));
 
   indexer = makeIndexer(0.05);
@@ -228,52 +233,33 @@ TEST_F(IndexerTest, PreviewAnswersFromTheCacheUntilItExpires) {
     {"field": "customField", "fieldID": 500, "value": "http://x"}])")));
   EXPECT_FALSE(indexer->preview(item + 1000));
 
-  for (int i = 0; i < 200 && indexer->hasCachedResult(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  for (int i = 0; i < 200 && indexer->hasCachedResult(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
   EXPECT_FALSE(indexer->hasCachedResult());
   EXPECT_FALSE(indexer->preview(item));
 }
 
-TEST_F(IndexerTest, ANewRequestPostponesExpiry) {
-  ZoteroLibraryFixture library(folder);
-  library.addItem("book", {{"title", "Kept"}});
-  groups(folder);
-  EXPECT_TRUE(indexer->hasCachedResult());  // 1800 s lifetime: still there
-  auto failed = indexer->index(temp.path() + "/nowhere", true);
-  EXPECT_TRUE(failed.failure);
-  EXPECT_TRUE(indexer->hasCachedResult());  // a failed request keeps the last result
-}
-
+// Odd strings take the shared encoder's path; the bytes must be the same.
 TEST(ZoteroJson, WriterMatchesTheSharedEncoder) {
-  ZoteroEntry entry;
-  entry.itemID = 7;
-  entry.title = "quote \" back \\ tab \t ctl \x01 del \x7f 中文 bad \xff\xfe end \xe4\xb8";
-  entry.library = "ZOTERO_MY_LIBRARY";
-  entry.libraryID = 1;
-  entry.key = "K";
-  entry.itemType = "期刊文章";
-  entry.collectionPath = "a/b";
-  entry.attachment = ZoteroItemAttachment{8, "application/pdf", "storage:\xed\xa0\x80.pdf"};
-  entry.searchKeyword = "x";
+  std::string odd = "quote \" back \\ tab \t ctl \x01 del \x7f 中文 bad \xff\xfe end \xe4\xb8";
+  ZoteroEntry entry{7, odd, "Lab", 2, "K", "期刊文章", "a/b", 0,
+                    ZoteroItemAttachment{8, "application/pdf", "storage:\xed\xa0\x80.pdf"}, "x"};
   ZoteroEntry bare = entry;
   bare.collectionPath.reset();
   bare.attachment.reset();
-
-  Json expected = Json::array();
   Json entries = Json::array();
   for (const auto& e : {entry, bare}) {
-    Json object{{"itemID", e.itemID}, {"title", e.title}, {"library", e.library}, {"libraryID", e.libraryID},
-                {"key", e.key}, {"itemType", e.itemType}};
+    Json object{{"itemID", e.itemID},       {"title", e.title}, {"library", e.library},
+                {"libraryID", e.libraryID}, {"key", e.key},     {"itemType", e.itemType}};
     if (e.collectionPath) object["collectionPath"] = *e.collectionPath;
     object["collectionOrderIndex"] = 0;
     if (e.attachment)
-      object["attachment"] = {{"itemID", e.attachment->itemID}, {"contentType", e.attachment->contentType},
-                              {"path", e.attachment->path}};
+      object["attachment"] = {{"itemID", 8}, {"contentType", "application/pdf"}, {"path", e.attachment->path}};
     object["searchKeyword"] = e.searchKeyword;
     entries.push_back(object);
   }
-  expected.push_back({{"library", "ZOTERO_MY_LIBRARY"}, {"entries", entries}});
-  EXPECT_EQ(encodeZoteroGroups({{"ZOTERO_MY_LIBRARY", {entry, bare}}}), encodeJson(expected));
-  EXPECT_EQ(encodeZoteroGroups({}), "[]");
+  EXPECT_EQ(encodeZoteroGroups({{"Lab", {entry, bare}}}),
+            encodeJson(Json::array({{{"library", "Lab"}, {"entries", entries}}})));
   EXPECT_EQ(encodeZoteroAttributes({{"f\n", 3, "v\xc0\xaf"}}),
             encodeJson(Json::array({{{"field", "f\n"}, {"fieldID", 3}, {"value", "v\xc0\xaf"}}})));
 }

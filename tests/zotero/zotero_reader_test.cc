@@ -2,6 +2,7 @@
 // files that are damaged or from other Zotero versions.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -126,7 +127,8 @@ TEST_F(ReaderTest, HotJournalIsRolledBackOnTheCopy) {
   ZoteroLibraryFixture library(folder);
   for (int i = 0; i < 200; ++i) library.addItem("book", {{"title", "Committed " + std::to_string(i)}});
   library.exec("PRAGMA cache_size=2; BEGIN;");
-  for (int i = 0; i < 300; ++i) library.addItem("book", {{"title", "Uncommitted " + std::string(200, 'x') + std::to_string(i)}});
+  for (int i = 0; i < 300; ++i)
+    library.addItem("book", {{"title", "Uncommitted " + std::string(200, 'x') + std::to_string(i)}});
   ASSERT_TRUE(fs::exists(library.databasePath() + "-journal"));
 
   auto result = read();
@@ -167,11 +169,15 @@ TEST_F(ReaderTest, DamagedAndForeignFilesNeverCrash) {
   fs::remove(folder + "/zotero.sqlite");
   fs::create_directories(folder + "/zotero.sqlite");  // a folder where the file should be
   EXPECT_FALSE(read().database);
+  fs::remove(folder + "/zotero.sqlite");
+  ASSERT_EQ(::mkfifo((folder + "/zotero.sqlite").c_str(), 0600), 0);  // nobody will ever write to it
+  EXPECT_FALSE(read().database);
 
   fs::remove_all(folder);
   {
     ZoteroLibraryFixture library(folder);
-    for (int i = 0; i < 400; ++i) library.addItem("book", {{"title", "Book " + std::string(300, 'b') + std::to_string(i)}});
+    for (int i = 0; i < 400; ++i)
+      library.addItem("book", {{"title", "Book " + std::string(300, 'b') + std::to_string(i)}});
   }
   fs::resize_file(folder + "/zotero.sqlite", fs::file_size(folder + "/zotero.sqlite") / 2);
   auto truncated = read();  // a partial result or a failure text, whichever SQLite allows
@@ -185,9 +191,10 @@ TEST_F(ReaderTest, ZoteroFourLayoutGivesAPartialResult) {
   {
     ZoteroLibraryFixture library(folder, FieldNumbering::legacy);
     library.addItem("book", {{"title", "Old"}, {"url", "http://old"}});
-    library.exec("DROP TABLE itemAttachments; CREATE TABLE itemAttachments (itemID INTEGER PRIMARY KEY,"
-                 " sourceItemID INT, linkMode INT, mimeType TEXT, charsetID INT, path TEXT);"
-                 "INSERT INTO itemAttachments VALUES (1, NULL, 0, 'application/pdf', 0, 'storage:old.pdf');");
+    library.exec(
+        "DROP TABLE itemAttachments; CREATE TABLE itemAttachments (itemID INTEGER PRIMARY KEY,"
+        " sourceItemID INT, linkMode INT, mimeType TEXT, charsetID INT, path TEXT);"
+        "INSERT INTO itemAttachments VALUES (1, NULL, 0, 'application/pdf', 0, 'storage:old.pdf');");
   }
   auto result = read();
   ASSERT_TRUE(result.database) << result.failure;
