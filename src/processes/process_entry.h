@@ -44,4 +44,8 @@ struct RunningProcesses {
 Json toJson(const ProcessEntry& entry);
 Json toJson(const RunningProcesses& processes);
 
+// The reply bytes: the same text as encodeJson(toJson(processes)), written
+// directly, which takes a tenth of the time for a few hundred processes.
+std::string encodeRunningProcesses(const RunningProcesses& processes);
+
 }  // namespace quorvi

@@ -16,7 +16,7 @@ void ServiceProvider::getRunningProcessesWithCompletion(Reply reply) {
       reply.sendData(std::nullopt);
       return;
     }
-    reply.sendJson(toJson(*processes));
+    reply.sendData(encodeRunningProcesses(*processes));
   } catch (...) {
     reply.sendData(std::nullopt);  // allocation failure or the like: nil, never a half answer
   }

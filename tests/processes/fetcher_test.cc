@@ -257,6 +257,22 @@ TEST_F(FetchTest, ToolSourcesFindTheSame) {
   expectChildAndApplication(*result, child);
 }
 
+TEST(RunningProcessesJson, DirectWriterMatchesTheLibrary) {
+  auto live = QuitProcessFetcher().fetch();
+  ASSERT_TRUE(live);
+  RunningProcesses record = *live;
+  ProcessEntry odd = entry(-7, 0, "q\"b\\s\n\t\r\b\f\x01\x1f\x7f é 中 \xff\xfe end", "/x\xc3");
+  odd.bundleIdentifier = "id.desktop";
+  odd.port = 65535;
+  odd.mem = INT64_MAX;
+  odd.matchs.push_back("");
+  record.normalProcesses.push_back(odd);
+  odd.bundleIdentifier.reset();
+  record.portProcesses.push_back(odd);
+  EXPECT_EQ(encodeRunningProcesses(record), *encodeJson(toJson(record)));
+  EXPECT_EQ(encodeRunningProcesses({}), R"({"normalProcesses":[],"portProcesses":[],"allProcesses":[]})");
+}
+
 TEST(RunningProcessesRequest, ReplyIsTheRecordAsJson) {
   ListeningChild child("quorvi reply");
   ListeningChild oddName("odd\xff\xfename");  // command names are bytes, not always UTF-8
