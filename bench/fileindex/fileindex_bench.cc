@@ -125,21 +125,16 @@ int main(int argc, char** argv) {
       std::printf("search (in process) '%s': median %.3f ms, %zu hits\n", query.c_str(), median(times), hits);
       std::printf("@search_inproc %s|%.4f\n", query.c_str(), median(times));
     }
-    // The match loop alone (no post-check), one worker against the pool, alternated.
-    auto groupsOf = [](const std::string& q) { return quorvi::MatchLogic::parse(q); };
+    // The match loop alone (no post-check).
     for (const auto& query : queries) {
-      std::vector<double> one, pool;
-      auto groups = groupsOf(query);
+      std::vector<double> times;
+      auto groups = quorvi::MatchLogic::parse(query);
       for (int r = 0; r < std::max(reps * 4, 9); ++r) {
         auto t0 = Clock::now();
-        quorvi::runMatchLoop(all, groups, limit, nullptr, SIZE_MAX);
-        auto t1 = Clock::now();
         quorvi::runMatchLoop(all, groups, limit, nullptr);
-        auto t2 = Clock::now();
-        one.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
-        pool.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
       }
-      std::printf("match loop '%s': one worker %.3f ms, pool %.3f ms\n", query.c_str(), median(one), median(pool));
+      std::printf("match loop alone '%s': median %.3f ms\n", query.c_str(), median(times));
     }
   }
 

@@ -1,15 +1,11 @@
 #include "fileindex/match_logic.h"
 
-#include "common/dispatch.h"
-
 #include <immintrin.h>
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <mutex>
 #include <unordered_set>
 
 namespace quorvi {
@@ -61,17 +57,39 @@ struct Anchor {
   std::vector<std::string_view> needles;
 };
 
-// Picks the group to drive the search: the longest AND word (longer words
-// occur less often), else the OR group whose shortest alternative is longest.
-// Returns false when no record can match (a group without any usable needle).
-bool chooseAnchor(const std::vector<MatchLogicQuery>& groups, Anchor& anchor) {
-  std::size_t bestLength = 0;
+// How often the needle occurs near the front of the first segment's arena:
+// a cheap estimate of how many candidates it would bring.
+std::size_t sampledOccurrences(const FileSegments& segments, std::string_view needle) {
+  constexpr std::size_t kSampleBytes = 128 * 1024;
+  if (segments.empty()) return 0;
+  std::string_view arena = segments.front()->arena();
+  const char* position = arena.data();
+  const char* const end = arena.data() + std::min(arena.size(), kSampleBytes);
+  std::size_t count = 0;
+  while (const char* hit = findBytes(position, end, needle)) {
+    ++count;
+    position = hit + 1;
+  }
+  return count;
+}
+
+// Picks the group to drive the search: of the AND words, the one seen least
+// often in a sample of the arena (the longer on a tie); else the OR group
+// whose shortest alternative is longest. Returns false when no record can
+// match (a group without any usable needle).
+bool chooseAnchor(const FileSegments& segments, const std::vector<MatchLogicQuery>& groups, Anchor& anchor) {
   const MatchLogicQuery* best = nullptr;
+  std::size_t bestCount = SIZE_MAX, bestLength = 0;
   for (const auto& group : groups) {
     if (group.orQuery) continue;
     if (group.andQuery.isEmpty()) return false;
-    std::size_t length = group.andQuery.view().size();
-    if (length > bestLength) bestLength = length, best = &group;
+    std::string_view word = group.andQuery.view();
+    std::size_t count = sampledOccurrences(segments, word);
+    if (count < bestCount || (count == bestCount && word.size() > bestLength)) {
+      best = &group;
+      bestCount = count;
+      bestLength = word.size();
+    }
   }
   if (best) {
     anchor.needles = {best->andQuery.view()};
@@ -250,8 +268,7 @@ void forEachCandidate(const FileTable& table, const Anchor& anchor, std::size_t 
 
 std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vector<MatchLogicQuery>& groups,
                                     int64_t maxcount,
-                                    const std::function<bool(const FileTable&, std::size_t)>& admit,
-                                    std::size_t parallelRows) {
+                                    const std::function<bool(const FileTable&, std::size_t)>& admit) {
   HitList hits;
   auto examine = [&](uint32_t segment, std::size_t row) {
     const FileTable& table = *segments[segment];
@@ -278,66 +295,13 @@ std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vec
     }
     return hits.take();
   }
-  if (!chooseAnchor(groups, anchor)) return {};
+  if (!chooseAnchor(segments, groups, anchor)) return {};
 
-  const std::size_t workers = DispatchQueue::globalThreadCount();
   for (uint32_t s = 0; s < segments.size() && hits.size() < limit; ++s) {
-    const FileTable& table = *segments[s];
-    const std::size_t rows = table.size();
-    auto sequential = [&](std::size_t from, std::size_t to) {
-      forEachCandidate(table, anchor, from, to, [&](std::size_t row) {
-        examine(s, row);
-        return hits.size() < limit;
-      });
-    };
-    if (admit || workers < 2 || rows < parallelRows) {
-      sequential(0, rows);
-      continue;
-    }
-    // Chunks in order, taken by whichever worker is free; each keeps at most
-    // the hits still wanted. Nobody starts a new chunk once the chunks done
-    // from the front hold enough hits, so little work is wasted when hits
-    // come early, and a busy machine simply gets the chunks done in turn.
-    // Dedupe may drop some of a chunk's hits, so a chunk that stopped early
-    // is continued in order where it stopped.
-    const std::size_t chunks = std::min<std::size_t>(workers * 8, rows);
-    const std::size_t wanted = limit - hits.size();
-    std::vector<std::vector<uint32_t>> found(chunks);
-    std::vector<std::size_t> stoppedAt(chunks, 0);
-    std::vector<uint8_t> done(chunks, 0);
-    std::atomic<std::size_t> nextChunk{0};
-    std::atomic<bool> enough{false};
-    std::mutex progress;
-    std::size_t frontDone = 0, frontHits = 0;
-    auto boundary = [&](std::size_t k) { return rows * k / chunks; };
-    concurrentPerform(workers, [&](std::size_t) {
-      for (;;) {
-        if (enough.load(std::memory_order_acquire)) return;
-        std::size_t k = nextChunk.fetch_add(1);
-        if (k >= chunks) return;
-        forEachCandidate(table, anchor, boundary(k), boundary(k + 1), [&](std::size_t row) {
-          if (MatchLogic::matchesAll(groups, table.matchCString(row))) found[k].push_back(static_cast<uint32_t>(row));
-          if (found[k].size() < wanted) return true;
-          stoppedAt[k] = row + 1;
-          return false;
-        });
-        std::lock_guard guard(progress);
-        done[k] = 1;
-        while (frontDone < chunks && done[frontDone]) frontHits += found[frontDone++].size();
-        if (frontHits >= wanted) enough.store(true, std::memory_order_release);
-      }
+    forEachCandidate(*segments[s], anchor, 0, segments[s]->size(), [&](std::size_t row) {
+      examine(s, row);
+      return hits.size() < limit;
     });
-    for (std::size_t k = 0; k < chunks && hits.size() < limit; ++k) {
-      if (!done[k]) {
-        sequential(boundary(k), boundary(k + 1));
-        continue;
-      }
-      for (uint32_t row : found[k]) {
-        hits.add(segments, s, row);
-        if (hits.size() >= limit) break;
-      }
-      if (hits.size() < limit && stoppedAt[k] != 0) sequential(stoppedAt[k], boundary(k + 1));
-    }
   }
   return hits.take();
 }

@@ -57,14 +57,11 @@ struct RecordRef {
 // records that cannot match: it looks for the group needle least likely to
 // occur with a vectorised substring search over the match-text arena and
 // tests the other groups only on the records where that needle occurs.
-// Without an extra condition, a table of at least `parallelRows` records is
-// searched in parts on the dispatch pool's workers at once and the parts'
-// hits are merged in order.
-inline constexpr std::size_t kParallelSearchRows = 100000;
+// (Splitting a large table over the pool's two workers was measured: no
+// faster on a busy machine, so one worker does it.)
 std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vector<MatchLogicQuery>& groups,
                                     int64_t maxcount,
-                                    const std::function<bool(const FileTable&, std::size_t)>& admit,
-                                    std::size_t parallelRows = kParallelSearchRows);
+                                    const std::function<bool(const FileTable&, std::size_t)>& admit);
 
 // Substring search with strstr's answer over a buffer that may hold NULs
 // (each NUL ends one text): finds needle in [begin, end), nullptr if absent.

@@ -180,14 +180,9 @@ TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
         }
       }
     }
-    // Sequential, and in parts on the pool (as large tables are searched).
-    for (std::size_t parallelRows : {kParallelSearchRows, std::size_t{1}}) {
-      std::vector<std::pair<uint32_t, uint32_t>> actual;
-      for (const auto& hit : runMatchLoop(segments, groups, maxcount, nullptr, parallelRows)) {
-        actual.emplace_back(hit.segment, hit.row);
-      }
-      ASSERT_EQ(actual, expected) << "query '" << query << "' maxcount " << maxcount << " parts " << parallelRows;
-    }
+    std::vector<std::pair<uint32_t, uint32_t>> actual;
+    for (const auto& hit : runMatchLoop(segments, groups, maxcount, nullptr)) actual.emplace_back(hit.segment, hit.row);
+    ASSERT_EQ(actual, expected) << "query '" << query << "' maxcount " << maxcount;
   }
 }
 
