@@ -51,7 +51,7 @@ void request(ProcessTableSource table, PortSource ports) {
   }
   lastAll = result->allProcesses.size();
   lastPorts = result->portProcesses.size();
-  lastSize = encodeJson(toJson(*result))->size();
+  lastSize = encodeRunningProcesses(*result).size();  // the reply bytes, as #33 writes them
 }
 
 }  // namespace
