@@ -9,6 +9,7 @@
 #include <unicode/unistr.h>
 #include <unicode/utext.h>
 
+#include <algorithm>
 #include <bitset>
 #include <memory>
 
@@ -234,6 +235,13 @@ void CharacterString::split() {
     offsets_.assign(1, 0);
     for (std::size_t i = 1; i <= text_.size(); ++i) offsets_.push_back(static_cast<uint32_t>(i));
   }
+}
+
+long CharacterString::indexAtOffset(std::size_t offset) const {
+  if (singleByte_) return offset <= text_.size() ? static_cast<long>(offset) : -1;
+  auto found = std::lower_bound(offsets_.begin(), offsets_.end(), static_cast<uint32_t>(offset));
+  if (found == offsets_.end() || *found != offset) return -1;
+  return static_cast<long>(found - offsets_.begin());
 }
 
 std::size_t characterCount(std::string_view text) {

@@ -31,6 +31,10 @@ class CharacterString {
     if (singleByte_) return std::string_view(text_).substr(i, 1);
     return std::string_view(text_).substr(offsets_[i], offsets_[i + 1] - offsets_[i]);
   }
+  // Byte offset where character i starts (the text's size for i == count()).
+  std::size_t offsetOf(std::size_t i) const { return singleByte_ ? i : offsets_[i]; }
+  // Index of the character that starts at the byte offset; -1 inside a character.
+  long indexAtOffset(std::size_t offset) const;
 
  private:
   void split();

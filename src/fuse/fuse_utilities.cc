@@ -2,6 +2,8 @@
 
 #include "fuse/characters.h"
 
+#include <cstring>
+
 namespace quorvi {
 
 FuseUtilities::Alphabet FuseUtilities::calculatePatternAlphabet(std::string_view pattern) {
@@ -35,15 +37,22 @@ long FuseUtilities::findLiteral(const FusePattern& pattern, const CharacterStrin
   const long count = static_cast<long>(text.count());
   if (from < 0) from = 0;
   if (from > count || pattern.len == 0) return -1;
-  if (text.isSingleByte()) {
-    // Every byte is a character, so a byte match is a character match.
-    auto found = std::string_view(text.text()).find(pattern.text, static_cast<std::size_t>(from));
-    return found == std::string_view::npos ? -1 : static_cast<long>(found);
-  }
-  for (long p = from; p + pattern.len <= count; ++p) {
-    long k = 0;
-    while (k < pattern.len && text.at(static_cast<std::size_t>(p + k)) == pattern.characters[k]) ++k;
-    if (k == pattern.len) return p;
+  // memmem stays linear on any input; a byte match is then checked character by character.
+  const std::string& bytes = text.text();
+  std::size_t offset = text.offsetOf(static_cast<std::size_t>(from));
+  while (offset + pattern.text.size() <= bytes.size()) {
+    const void* found = memmem(bytes.data() + offset, bytes.size() - offset, pattern.text.data(), pattern.text.size());
+    if (!found) return -1;
+    offset = static_cast<std::size_t>(static_cast<const char*>(found) - bytes.data());
+    if (text.isSingleByte()) return static_cast<long>(offset);
+    // Only a match that starts on a character and has the same characters counts.
+    const long p = text.indexAtOffset(offset);
+    if (p >= 0 && p + pattern.len <= count) {
+      long k = 0;
+      while (k < pattern.len && text.at(static_cast<std::size_t>(p + k)) == pattern.characters[k]) ++k;
+      if (k == pattern.len) return p;
+    }
+    ++offset;
   }
   return -1;
 }

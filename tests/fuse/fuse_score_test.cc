@@ -147,6 +147,20 @@ TEST(FuseLongPatternTest, PassesStopBeforeTheSeedOverflows) {
   EXPECT_EQ(match->ranges, (Ranges{{0, 49}}));
 }
 
+TEST(FuseLongPatternTest, HugeRepetitiveInputsFinish) {
+  // Worst cases for a naive literal search and for the pass count.
+  const std::string text(200000, 'a');
+  auto match = makeFuse().search(std::string(100000, 'a') + "b", text);
+  ASSERT_TRUE(match);
+  EXPECT_EQ(match->score, 1.0);
+  auto wide = makeFuse().search(std::string(3000, 'a') + "\xC3\xA9", std::string(20000, 'a') + "\xC3\xA9");
+  ASSERT_TRUE(wide);
+  // Found literally at 17000, too far to score; pass 0 marks the "a"s within
+  // its reach, 0 ... 60 + 3001 - 1.
+  EXPECT_EQ(wide->score, 1.0);
+  EXPECT_EQ(wide->ranges, (Ranges{{0, 3060}, {17000, 20000}}));
+}
+
 TEST(FuseUtilitiesTest, LiteralSearchAndRanges) {
   EXPECT_EQ(FuseUtilities::findLiteral("ab", "ab-ab", 0), 0);
   EXPECT_EQ(FuseUtilities::findLiteral("ab", "ab-ab", 1), 3);
