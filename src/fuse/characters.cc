@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <cstring>
 #include <memory>
 
 namespace quorvi {
@@ -183,20 +184,37 @@ void foldText(std::string_view text, bool lowercase, std::string& out) {
 }
 
 void CharacterString::assign(std::string_view text, bool lowercase) {
-  // ASCII, the common case, in one pass: copy, lower-case, look for CR.
+  // ASCII, the common case, in one pass: copy, lower-case, look for CR; eight
+  // bytes at a time.
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
   text_.resize(text.size());
-  unsigned char seen = 0;
-  bool carriageReturn = false;
-  const unsigned char fold = lowercase ? 0x20 : 0;
-  const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
-  unsigned char* out = reinterpret_cast<unsigned char*>(text_.data());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const unsigned char c = in[i];
-    seen |= c;
-    carriageReturn |= c == '\r';
-    out[i] = static_cast<unsigned char>(c | (static_cast<unsigned char>(c - 'A') < 26 ? fold : 0));
+  const char* in = text.data();
+  char* out = text_.data();
+  const std::size_t size = text.size();
+  uint64_t seen = 0, carriageReturns = 0;
+  std::size_t i = 0;
+  for (; i + 8 <= size; i += 8) {
+    uint64_t word;
+    std::memcpy(&word, in + i, 8);
+    seen |= word;
+    const uint64_t cr = word ^ (kOnes * '\r');
+    carriageReturns |= (cr - kOnes) & ~cr & kHigh;
+    if (lowercase) {
+      const uint64_t low7 = word & ~kHigh;
+      const uint64_t atLeastA = low7 + kOnes * (0x80 - 'A');
+      const uint64_t beyondZ = low7 + kOnes * (0x7F - 'Z');
+      word |= (atLeastA & ~beyondZ & ~word & kHigh) >> 2;
+    }
+    std::memcpy(out + i, &word, 8);
   }
-  const bool ascii = seen < 0x80;
+  for (; i < size; ++i) {
+    const unsigned char c = static_cast<unsigned char>(in[i]);
+    seen |= c;
+    carriageReturns |= c == '\r';
+    out[i] = static_cast<char>(lowercase && static_cast<unsigned>(c - 'A') < 26u ? c + 32 : c);
+  }
+  const bool ascii = (seen & kHigh) == 0;
+  const bool carriageReturn = carriageReturns != 0;
   if (ascii && !carriageReturn) {
     singleByte_ = true;
     offsets_.clear();

@@ -89,6 +89,11 @@ TEST(FuseCharactersTest, CjkAndLineBreaks) {
   EXPECT_DOUBLE_EQ(cjk->score, 0.01);
   EXPECT_EQ(cjk->ranges, (Ranges{{1, 2}}));
 
+  auto longer = makeFuse().search("hij", "ABCDEFG\r\nHIJ");  // CR LF inside the first eight bytes
+  ASSERT_TRUE(longer);
+  EXPECT_DOUBLE_EQ(longer->score, 0.08);
+  EXPECT_EQ(longer->ranges, (Ranges{{8, 10}}));
+
   auto crlf = makeFuse().search("b", "a\r\nb");
   ASSERT_TRUE(crlf);
   EXPECT_DOUBLE_EQ(crlf->score, 0.02);
