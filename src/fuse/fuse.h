@@ -87,6 +87,12 @@ class Fuse {
               std::function<void(std::vector<FuseStringResult>)> completion);
   void search(std::string_view pattern, std::vector<FuseableRef> items, long chunkSize,
               std::function<void(std::vector<FuseItemResult>)> completion);
+  // The same over a shared, immutable list, which is searched without a copy
+  // (a null list counts as empty).
+  void search(std::string_view pattern, std::shared_ptr<const std::vector<std::string>> texts, long chunkSize,
+              std::function<void(std::vector<FuseStringResult>)> completion);
+  void search(std::string_view pattern, std::shared_ptr<const std::vector<FuseableRef>> items, long chunkSize,
+              std::function<void(std::vector<FuseItemResult>)> completion);
 
   // The score of a candidate with `errors` errors at character x.
   double score(long errors, long x, long patternLength) const;

@@ -51,11 +51,23 @@ void searchInChunks(const std::shared_ptr<DispatchQueue>& searchQueue, bool hasP
 
 void Fuse::search(std::string_view pattern, std::vector<std::string> texts, long chunkSize,
                   std::function<void(std::vector<FuseStringResult>)> completion) {
+  search(pattern, std::make_shared<const std::vector<std::string>>(std::move(texts)), chunkSize,
+         std::move(completion));
+}
+
+void Fuse::search(std::string_view pattern, std::vector<FuseableRef> items, long chunkSize,
+                  std::function<void(std::vector<FuseItemResult>)> completion) {
+  search(pattern, std::make_shared<const std::vector<FuseableRef>>(std::move(items)), chunkSize,
+         std::move(completion));
+}
+
+void Fuse::search(std::string_view pattern, std::shared_ptr<const std::vector<std::string>> list, long chunkSize,
+                  std::function<void(std::vector<FuseStringResult>)> completion) {
+  if (!list) list = std::make_shared<const std::vector<std::string>>();
   // The chunks work on a copy of the settings, so that a matcher released
   // before its completion has run is never touched.
   std::shared_ptr<const Fuse> settings = copySettings();
   auto compiled = std::make_shared<const std::optional<FusePattern>>(createPattern(pattern));
-  auto list = std::make_shared<const std::vector<std::string>>(std::move(texts));
   auto searchOne = [settings, compiled](const std::string& text, long index) -> std::optional<FuseStringResult> {
     return settings->searchListed(**compiled, text, index);
   };
@@ -63,13 +75,13 @@ void Fuse::search(std::string_view pattern, std::vector<std::string> texts, long
                                                 std::move(completion));
 }
 
-void Fuse::search(std::string_view pattern, std::vector<FuseableRef> items, long chunkSize,
+void Fuse::search(std::string_view pattern, std::shared_ptr<const std::vector<FuseableRef>> list, long chunkSize,
                   std::function<void(std::vector<FuseItemResult>)> completion) {
+  if (!list) list = std::make_shared<const std::vector<FuseableRef>>();
   std::shared_ptr<const Fuse> settings = copySettings();
   auto compiled = std::make_shared<const std::optional<FusePattern>>(createPattern(pattern));
   auto words = std::make_shared<const std::vector<FusePattern>>(
       compiled->has_value() ? wordPatterns(**compiled) : std::vector<FusePattern>{});
-  auto list = std::make_shared<const std::vector<FuseableRef>>(std::move(items));
   auto searchOne = [settings, compiled, words](const FuseableRef& item, long index) -> std::optional<FuseItemResult> {
     if (!item) return std::nullopt;
     return settings->searchItem(**compiled, *words, *item, index);

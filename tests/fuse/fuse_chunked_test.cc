@@ -121,6 +121,11 @@ TEST(FuseChunkedTest, EmptyPatternOrListCompletesWithNothing) {
   fuse.search("abc", std::vector<std::string>{}, 10, emptyList.handler());
   EXPECT_TRUE(emptyList.wait().empty());
 
+  Completion<FuseStringResult> nullList;
+  fuse.search("abc", std::shared_ptr<const std::vector<std::string>>{}, 10, nullList.handler());
+  EXPECT_TRUE(nullList.wait().empty());
+  EXPECT_EQ(nullList.calls.load(), 1);
+
   auto record = std::make_shared<CountedRecord>("abc");
   Completion<FuseItemResult> emptyItemsPattern;
   fuse.search("", std::vector<FuseableRef>{record}, 10, emptyItemsPattern.handler());
