@@ -155,3 +155,44 @@ TEST_F(ScanTest, CallsOffTheMainThreadDoNothing) {
 
 }  // namespace
 }  // namespace quorvi::testing
+
+namespace quorvi::testing {
+namespace {
+
+TEST(ProjectLists, WorkspacesIdeProjectsAndDirectoryEntries) {
+  IndexTree tree;
+  tree.settings().set(Filter::kDidInitNodeModulesKey, true);
+  tree.file("code/site.code-workspace");
+  tree.file("code/Old.CODE-WORKSPACE");
+  tree.file("code/notes.code-workspace.bak");
+  tree.file("code/App.xcodeproj/project.pbxproj");
+  tree.file("code/Game.sln");
+  tree.file("code/tool.kdev4");
+  tree.file("code/vendor.sln/readme.txt");  // a folder named like a project file
+  tree.file("code/node_modules/x/y.code-workspace");
+  tree.file("code/.hidden.txt");
+  FileIndexer indexer(tree.environment());
+  indexScopes(indexer, {"~/code"});
+  EXPECT_EQ(sorted(namesOf(indexer.codeWorkspaces())), (std::vector<std::string>{"Old.CODE-WORKSPACE", "site.code-workspace"}));
+  EXPECT_EQ(sorted(namesOf(indexer.ideProjects())), (std::vector<std::string>{"App.xcodeproj", "Game.sln", "tool.kdev4"}));
+  // A listed file that is gone is left out.
+  ::unlink((tree.home() + "/code/Game.sln").c_str());
+  EXPECT_EQ(sorted(namesOf(indexer.ideProjects())), (std::vector<std::string>{"App.xcodeproj", "tool.kdev4"}));
+
+  auto all = directoryFiles(tree.home() + "/code", false);
+  ASSERT_TRUE(all);
+  std::vector<std::string> names;
+  for (const auto& entry : *all) names.push_back(entry.nameOfDisplay + (entry.isFolder ? "/" : ""));
+  EXPECT_EQ(names, (std::vector<std::string>{".hidden.txt", "App.xcodeproj/", "Old.CODE-WORKSPACE",
+                                             "node_modules/", "notes.code-workspace.bak", "site.code-workspace",
+                                             "tool.kdev4", "vendor.sln/"}));
+  EXPECT_EQ(all->front().path, tree.home() + "/code/.hidden.txt");
+  auto visible = directoryFiles(tree.home() + "/code/", true);
+  ASSERT_TRUE(visible);
+  EXPECT_EQ(visible->size(), names.size() - 1);
+  EXPECT_FALSE(directoryFiles(tree.home() + "/missing", false));
+  EXPECT_FALSE(directoryFiles("", false));
+}
+
+}  // namespace
+}  // namespace quorvi::testing
