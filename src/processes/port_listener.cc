@@ -1,5 +1,7 @@
 #include "processes/port_listener.h"
 
+#include <unordered_set>
+
 #include "platform/process_runner.h"
 #include "processes/lsof_parser.h"
 #include "processes/proc_net_listeners.h"
@@ -38,6 +40,15 @@ std::vector<Listener> PortListener::listeners() const {
       break;
   }
   return procNetTcpAvailable() ? listenersFromProc() : listenersFromLsof();
+}
+
+std::vector<Listener> PortListener::listenersOf(const std::vector<int64_t>& pids) const {
+  bool useProc = source_ == PortSource::procfs || (source_ == PortSource::automatic && procNetTcpAvailable());
+  if (useProc) return listenersOfProcesses(pids);
+  std::unordered_set<int64_t> wanted(pids.begin(), pids.end());
+  std::vector<Listener> listeners = listenersFromLsof();
+  std::erase_if(listeners, [&](const Listener& listener) { return !wanted.count(listener.pid); });
+  return listeners;
 }
 
 }  // namespace quorvi

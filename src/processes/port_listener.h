@@ -24,6 +24,9 @@ class PortListener {
   explicit PortListener(PortSource source = PortSource::automatic) : source_(source) {}
 
   std::vector<Listener> listeners() const;
+  // Listeners of these processes only. /proc then looks at no other
+  // process's descriptors; lsof lists everything and the rest is dropped.
+  std::vector<Listener> listenersOf(const std::vector<int64_t>& pids) const;
 
   // Runs `lsof -nP +c 0 -iTCP` (lsof from /usr/sbin, /usr/bin or $PATH) and
   // parses its standard output; empty when the tool is missing or fails.

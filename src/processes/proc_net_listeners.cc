@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <unordered_map>
 
@@ -123,6 +124,10 @@ std::optional<std::vector<ListeningSocket>> listeningSockets(const std::string& 
 }
 
 std::vector<Listener> listenersFromProc(const std::string& procRoot) {
+  return listenersOfProcesses(procfs::numericEntries(procRoot), procRoot);
+}
+
+std::vector<Listener> listenersOfProcesses(std::vector<int64_t> pids, const std::string& procRoot) {
   auto sockets = listeningSockets(procRoot);
   if (!sockets || sockets->empty()) return {};
   std::unordered_map<uint64_t, int64_t> portsByInode;
@@ -130,7 +135,8 @@ std::vector<Listener> listenersFromProc(const std::string& procRoot) {
   procfs::DirectoryFd procDir(procRoot);
   if (!procDir.isOpen()) return {};
   ProcessHelper helper(procRoot);
-  std::vector<int64_t> pids = procfs::numericEntries(procDir.get());
+  std::sort(pids.begin(), pids.end());
+  pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
   // Looking at every descriptor is most of the work.
   auto walk = [&](size_t begin, size_t end, std::vector<Listener>& found) {
     for (size_t i = begin; i < end; ++i) appendListenersOfProcess(pids[i], procDir.get(), portsByInode, helper, found);

@@ -38,5 +38,8 @@ bool procNetTcpAvailable(const std::string& procRoot = "/proc");
 // Listeners of every readable process, one per (pid, port); empty when the
 // tables cannot be read.
 std::vector<Listener> listenersFromProc(const std::string& procRoot = "/proc");
+// The same, looking only at the descriptors of these processes (a caller
+// that has just read the process table knows which can hold any).
+std::vector<Listener> listenersOfProcesses(std::vector<int64_t> pids, const std::string& procRoot = "/proc");
 
 }  // namespace quorvi

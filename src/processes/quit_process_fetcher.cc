@@ -131,37 +131,37 @@ std::optional<std::vector<ProcessRow>> QuitProcessFetcher::processRows() const {
   return processRowsFromPs();
 }
 
-std::optional<RunningProcesses> QuitProcessFetcher::processList() const {
+std::optional<RunningProcesses> QuitProcessFetcher::fetch() const {
   auto rows = processRows();
   if (!rows) return std::nullopt;
-  RunningProcesses result;
-  result.allProcesses = entriesFromRows(*rows, ProcessHelper());
-  DesktopApplicationCatalog& catalog = options_.catalog ? *options_.catalog : DesktopApplicationCatalog::shared();
-  result.normalProcesses = regularApplicationEntries(result.allProcesses, catalog.applications(options_.language));
-  return result;
-}
-
-std::optional<RunningProcesses> QuitProcessFetcher::fetch() const {
-  // The port query reads /proc (or runs lsof) independently of the process
-  // table, so it runs beside it. Listeners of a process that ends or starts
-  // in between simply find no entry.
+  // Only processes of the table can have a port entry, and kernel threads
+  // hold no descriptors: the port query looks at the others, beside the
+  // rest of the work on the table. A process that starts meanwhile would
+  // have no entry anyway; one that ends leaves its listeners without one.
+  std::vector<int64_t> candidates;
+  candidates.reserve(rows->size());
+  for (const auto& row : *rows) {
+    if (!row.isKernelThread) candidates.push_back(row.pid);
+  }
   std::vector<Listener> listeners;
   std::thread portQuery([&] {
     try {
-      listeners = PortListener(options_.portSource).listeners();
+      listeners = PortListener(options_.portSource).listenersOf(candidates);
     } catch (...) {
       listeners.clear();  // a failed port query only leaves portProcesses empty
     }
   });
-  std::optional<RunningProcesses> result;
+  RunningProcesses result;
   try {
-    result = processList();
+    result.allProcesses = entriesFromRows(*rows, ProcessHelper());
+    DesktopApplicationCatalog& catalog = options_.catalog ? *options_.catalog : DesktopApplicationCatalog::shared();
+    result.normalProcesses = regularApplicationEntries(result.allProcesses, catalog.applications(options_.language));
   } catch (...) {
     portQuery.join();
     throw;
   }
   portQuery.join();
-  if (result) result->portProcesses = listeningEntries(result->allProcesses, listeners);
+  result.portProcesses = listeningEntries(result.allProcesses, listeners);
   return result;
 }
 

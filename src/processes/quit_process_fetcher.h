@@ -52,13 +52,11 @@ class QuitProcessFetcher {
 
   // Nothing when the process table cannot be read; a failed port query only
   // leaves portProcesses empty. The port query runs on a thread of its own
-  // beside the process table; allocation failures come out as exceptions.
+  // once the table is read; allocation failures come out as exceptions.
   std::optional<RunningProcesses> fetch() const;
 
  private:
   std::optional<std::vector<ProcessRow>> processRows() const;
-  // allProcesses and normalProcesses.
-  std::optional<RunningProcesses> processList() const;
 
   ProcessFetchOptions options_;
 };

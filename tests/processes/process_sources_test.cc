@@ -109,7 +109,13 @@ TEST(PortSources, BothFindAChildsListeners) {
       EXPECT_EQ(listener.name, "quorvi listen");
     }
   }
+  // Asked about some processes only, each source answers for those alone.
+  auto only = PortListener(PortSource::procfs).listenersOf({child.pid()});
+  EXPECT_EQ(portsOf(only, child.pid()), expected);
+  EXPECT_EQ(only.size(), 2u);
+  EXPECT_TRUE(PortListener(PortSource::procfs).listenersOf({}).empty());
   if (PortListener::lsofPath().empty()) GTEST_SKIP() << "lsof is not installed";
+  EXPECT_EQ(PortListener(PortSource::lsof).listenersOf({child.pid()}).size(), 2u);
   auto fromLsof = PortListener::listenersFromLsof();
   EXPECT_EQ(portsOf(fromLsof, child.pid()), expected);
   for (const auto& listener : fromLsof) {
