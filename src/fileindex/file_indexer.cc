@@ -231,11 +231,14 @@ void FileIndexer::removeSearchScopes(std::vector<std::string> scopes) {
     std::size_t removed = fileRef_.removeByPrefixes(scopes);
     if (removed == 0) return;
     const int64_t count = static_cast<int64_t>(fileRef_.count());
-    std::lock_guard guard(stateMutex_);
-    if (indexResultDescription_) {
-      indexResultDescription_->countOfFiles = count;
-      indexResultDescription_->finalChangedTime = secondsSince1970();
+    {
+      std::lock_guard guard(stateMutex_);
+      if (indexResultDescription_) {
+        indexResultDescription_->countOfFiles = count;
+        indexResultDescription_->finalChangedTime = secondsSince1970();
+      }
     }
+    post();  // the summary's count changed
   });
 }
 

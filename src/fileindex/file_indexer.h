@@ -16,8 +16,9 @@
 // removal never races a scan. A start supersedes a scan still under way: the
 // older walk stops early and publishes nothing.
 //
-// "com.quorvi.fileIndexStateDidChange" is posted at every state change and at
-// the end of every scan (start or add).
+// "com.quorvi.fileIndexStateDidChange" is posted at every state change, at
+// the end of every scan (start or add), and after a scope removal that
+// dropped records (the summary's count changed).
 //
 // Searches read a snapshot of fileRef (a few pointers copied under its lock)
 // and never wait for a scan.

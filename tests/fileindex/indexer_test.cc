@@ -62,6 +62,12 @@ TEST(IndexerState, NeverIndexedIndexingReadyAndEmptied) {
                 Json(ready.indexResultDescription->consumeTime).dump() + ",\"finalChangedTime\":" +
                 Json(ready.indexResultDescription->finalChangedTime).dump() + "}");
 
+  // Removing the scope drops its records; the summary follows and is announced.
+  onMain([&] { indexer.removeSearchScopes({"~/d"}); });
+  indexer.waitForPendingChanges();
+  EXPECT_EQ(indexer.state().indexResultDescription->countOfFiles, 0);
+  EXPECT_EQ(counter.posts, 3);
+
   onMain([&] { indexer.startIndexing({}); });
   auto emptied = indexer.state();
   EXPECT_FALSE(emptied.isIndexing);
@@ -70,7 +76,7 @@ TEST(IndexerState, NeverIndexedIndexingReadyAndEmptied) {
   EXPECT_EQ(emptied.indexResultDescription->consumeTime, 0);
   EXPECT_FALSE(emptied.indexDescription);
   EXPECT_TRUE(indexer.isEmpty());
-  EXPECT_EQ(counter.posts, 3);
+  EXPECT_EQ(counter.posts, 4);
 }
 
 TEST(IndexerState, ANewStartSupersedesAScanUnderWay) {
