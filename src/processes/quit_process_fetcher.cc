@@ -31,7 +31,7 @@ std::optional<ProcessEntry> entryFromRow(const ProcessRow& row, const ProcessHel
   entry.name = std::move(*name);
   entry.path = std::move(*path);
   entry.cpu = row.cpu;
-  entry.mem = row.residentKilobytes * 1024;
+  entry.mem = std::clamp<int64_t>(row.residentKilobytes, 0, INT64_MAX / 1024) * 1024;  // bytes
   entry.user = std::move(*user);
   entry.matchs.push_back(std::to_string(row.pid));
   addMatch(entry.matchs, text::asciiLowercase(entry.name));

@@ -64,7 +64,7 @@ TEST(FetcherSteps, RowsBecomeEntriesSortedByNameAndVanishedPidsAreLeftOut) {
     r.residentKilobytes = kilobytes;
     return r;
   };
-  std::vector<ProcessRow> rows = {row(20, 1, "0.5", 10), row(21, 1, "0.0", 1), row(22, 20, "1.0", 2),
+  std::vector<ProcessRow> rows = {row(20, 1, "0.5", 10), row(21, 1, "0.0", INT64_MAX), row(22, 20, "1.0", 2),
                                   row(23, 1, "0.0", 1), row(99, 1, "0.0", 1)};  // 99 has ended
   auto entries = entriesFromRows(rows, ProcessHelper(proc.path()));
   std::vector<int64_t> order;
@@ -76,6 +76,7 @@ TEST(FetcherSteps, RowsBecomeEntriesSortedByNameAndVanishedPidsAreLeftOut) {
   EXPECT_EQ(first.path, "/usr/bin/beta");
   EXPECT_EQ(first.matchs, (std::vector<std::string>{"20", "beta"}));
   EXPECT_EQ(entries[0].matchs, (std::vector<std::string>{"21", "alpha"}));
+  EXPECT_EQ(entries[0].mem, INT64_MAX / 1024 * 1024);  // an absurd size is capped, not overflowed
   EXPECT_EQ(first.activationPolicy, kActivationPolicyProhibited);
 
   // The real /proc: a reaped child's pid is left out, this process is kept.
