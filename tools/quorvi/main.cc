@@ -17,6 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include <unicode/locid.h>
+#include <unicode/unistr.h>
+
 #include "common/json.h"
 #include "service/bus_client.h"
 #include "tools/quorvi/reply_printer.h"
@@ -196,11 +199,12 @@ int indexCommand(const Options& options, std::vector<std::string> folders) {
   }
 }
 
-std::string lowercaseAscii(std::string text) {
-  for (auto& c : text) {
-    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
-  }
-  return text;
+// The launcher sends queries in lower case; so does this tool (full Unicode
+// lowercasing, so that "É" finds "é").
+std::string lowercase(const std::string& text) {
+  std::string out;
+  icu::UnicodeString::fromUTF8(text).toLower(icu::Locale::getRoot()).toUTF8String(out);
+  return out;
 }
 
 // Hits of one query as "path" lines (folders end in "/"), and the time taken.
@@ -208,7 +212,7 @@ std::vector<std::string> searchOnce(BusClient& client, const Options& options, c
                                     double* milliseconds) {
   auto started = std::chrono::steady_clock::now();
   auto result = callOrDie(client, options, "SearchFilesWithQueryMaxcountCompletion",
-                          {lowercaseAscii(query), std::to_string(options.limit)});
+                          {lowercase(query), std::to_string(options.limit)});
   *milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   std::vector<std::string> lines;
   if (result.values.empty() || !result.values[0].value) return lines;
