@@ -26,9 +26,15 @@ void searchInChunks(const std::shared_ptr<DispatchQueue>& searchQueue, bool hasP
     group->enter();
     searchQueue->async([list, start, end, searchOne, itemsQueue, group, gathered] {
       std::vector<Result> found;
-      for (std::size_t index = start; index < end; ++index)
-        if (std::optional<Result> result = searchOne((*list)[index], static_cast<long>(index)))
-          found.push_back(std::move(*result));
+      for (std::size_t index = start; index < end; ++index) {
+        // An element that fails to be searched (a record whose properties
+        // throw, memory running out) is left out; the call still completes.
+        try {
+          if (std::optional<Result> result = searchOne((*list)[index], static_cast<long>(index)))
+            found.push_back(std::move(*result));
+        } catch (...) {
+        }
+      }
       itemsQueue->async([found = std::move(found), group, gathered]() mutable {
         gathered->insert(gathered->end(), std::make_move_iterator(found.begin()),
                          std::make_move_iterator(found.end()));

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 #include "common/dispatch.h"
@@ -131,6 +132,23 @@ TEST(FuseChunkedTest, EmptyPatternOrListCompletesWithNothing) {
   fuse.search("", std::vector<FuseableRef>{record}, 10, emptyItemsPattern.handler());
   EXPECT_TRUE(emptyItemsPattern.wait().empty());
   EXPECT_EQ(record->reads.load(), 0);
+}
+
+struct ThrowingRecord : Fuseable {
+  std::vector<FuseProperty> properties() const override { throw std::runtime_error("unreadable"); }
+};
+
+TEST(FuseChunkedTest, AnItemThatThrowsIsLeftOut) {
+  Fuse fuse(0, 100, 0.6, 32, false, false);
+  std::vector<FuseableRef> items{std::make_shared<CountedRecord>("notes"), std::make_shared<ThrowingRecord>(),
+                                 std::make_shared<CountedRecord>("notes 2")};
+  Completion<FuseItemResult> done;
+  fuse.search("notes", items, 1, done.handler());
+  auto results = done.wait();
+  ASSERT_EQ(results.size(), 2u);
+  EXPECT_EQ(results[0].index, 0);
+  EXPECT_EQ(results[1].index, 2);
+  EXPECT_EQ(done.calls.load(), 1);
 }
 
 TEST(FuseChunkedTest, MatcherMayGoAwayBeforeTheCompletion) {
