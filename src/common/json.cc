@@ -64,4 +64,61 @@ OptionalBytes encodeJson(const Json& document) {
   }
 }
 
+namespace {
+
+// True when every sequence is well-formed UTF-8 (no overlong forms, no
+// surrogates, nothing above U+10FFFF) and no byte needs a JSON escape.
+bool isPlain(std::string_view text) {
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    unsigned char c = *p;
+    if (c < 0x80) {
+      if (c < 0x20 || c == '"' || c == '\\') return false;
+      ++p;
+      continue;
+    }
+    int length;
+    unsigned char low = 0x80, high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      length = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      length = 3;
+      if (c == 0xE0) low = 0xA0;
+      if (c == 0xED) high = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      length = 4;
+      if (c == 0xF0) low = 0x90;
+      if (c == 0xF4) high = 0x8F;
+    } else {
+      return false;
+    }
+    if (end - p < length) return false;
+    if (p[1] < low || p[1] > high) return false;
+    for (int i = 2; i < length; ++i)
+      if (p[i] < 0x80 || p[i] > 0xBF) return false;
+    p += length;
+  }
+  return true;
+}
+
+}  // namespace
+
+void appendJsonString(Bytes& out, std::string_view text) {
+  if (isPlain(text)) {
+    out += '"';
+    out += text;
+    out += '"';
+    return;
+  }
+  // Escapes and replacement characters exactly as the library writes them.
+  out += encodeJson(Json(std::string(text))).value_or("\"\"");
+}
+
+void appendJsonKey(Bytes& out, const char* key) {
+  out += '"';
+  out += key;
+  out += "\":";
+}
+
 }  // namespace quorvi

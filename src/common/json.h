@@ -31,4 +31,10 @@ inline double unixFromReferenceDate(double referenceSeconds) { return referenceS
 // documents that cannot be written at all.
 OptionalBytes encodeJson(const Json& document);
 
+// Pieces for writers that build large replies directly (no document in
+// between). The bytes equal what encodeJson() writes for the same values.
+void appendJsonString(Bytes& out, std::string_view text);
+// "key": (the key must need no escaping)
+void appendJsonKey(Bytes& out, const char* key);
+
 }  // namespace quorvi

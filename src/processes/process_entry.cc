@@ -35,43 +35,9 @@ Json toJson(const RunningProcesses& processes) {
 
 namespace {
 
-// As the JSON library writes a string: quotes, backslashes and control
-// characters escaped, other UTF-8 as it is. Text that is not UTF-8 goes
-// through the library so that its replacement characters come out the same.
-void appendString(std::string& out, std::string_view text) {
-  if (!text::isValidUtf8(text)) {
-    out += encodeJson(Json(std::string(text))).value_or("\"\"");
-    return;
-  }
-  static const char kHex[] = "0123456789abcdef";
-  out += '"';
-  for (char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          out += "\\u00";
-          out += kHex[(c >> 4) & 0xF];
-          out += kHex[c & 0xF];
-        } else {
-          out += c;
-        }
-    }
-  }
-  out += '"';
-}
+void appendString(std::string& out, std::string_view text) { appendJsonString(out, text); }
 
-void appendKey(std::string& out, const char* key) {
-  out += '"';
-  out += key;
-  out += "\":";
-}
+void appendKey(std::string& out, const char* key) { appendJsonKey(out, key); }
 
 void appendEntry(std::string& out, const ProcessEntry& entry) {
   out += '{';

@@ -1,6 +1,5 @@
-// Direct JSON writing of the Zotero reply records. Strings that are plain
-// (valid UTF-8, nothing to escape) are copied as they are; any other string is
-// handed to the shared encoder, so the bytes always equal encodeJson()'s.
+// Direct JSON writing of the Zotero reply records; the bytes always equal
+// encodeJson()'s for the same records.
 #include <cstdint>
 #include <string>
 
@@ -10,57 +9,9 @@ namespace quorvi {
 
 namespace {
 
-// True when every sequence is well-formed UTF-8 (no overlong forms, no
-// surrogates, nothing above U+10FFFF) and no byte needs a JSON escape.
-bool isPlain(std::string_view text) {
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  const auto* end = p + text.size();
-  while (p < end) {
-    unsigned char c = *p;
-    if (c < 0x80) {
-      if (c < 0x20 || c == '"' || c == '\\') return false;
-      ++p;
-      continue;
-    }
-    int length;
-    unsigned char low = 0x80, high = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-      length = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      length = 3;
-      if (c == 0xE0) low = 0xA0;
-      if (c == 0xED) high = 0x9F;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      length = 4;
-      if (c == 0xF0) low = 0x90;
-      if (c == 0xF4) high = 0x8F;
-    } else {
-      return false;
-    }
-    if (end - p < length) return false;
-    if (p[1] < low || p[1] > high) return false;
-    for (int i = 2; i < length; ++i)
-      if (p[i] < 0x80 || p[i] > 0xBF) return false;
-    p += length;
-  }
-  return true;
-}
+void appendString(Bytes& out, std::string_view text) { appendJsonString(out, text); }
 
-void appendString(Bytes& out, std::string_view text) {
-  if (isPlain(text)) {
-    out += '"';
-    out += text;
-    out += '"';
-    return;
-  }
-  out += encodeJson(Json(std::string(text))).value_or("\"\"");
-}
-
-void appendKey(Bytes& out, const char* key) {
-  out += '"';
-  out += key;
-  out += "\":";
-}
+void appendKey(Bytes& out, const char* key) { appendJsonKey(out, key); }
 
 void appendInteger(Bytes& out, int64_t value) { out += std::to_string(value); }
 

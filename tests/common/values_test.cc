@@ -47,6 +47,20 @@ TEST(JsonTest, InvalidUtf8NeverFailsAnEncoding) {
   EXPECT_NE(bytes->find("bad"), std::string::npos);
 }
 
+TEST(JsonTest, DirectStringsMatchTheEncoderByteForByte) {
+  for (std::string text : {std::string(""), std::string("plain"), std::string("报告 2024.pdf"),
+                           std::string("quote\" back\\ tab\t nl\n bell\x07"), std::string("bad\xff\xfe"),
+                           std::string("\xC0\xAF overlong"), std::string("\xED\xA0\x80 surrogate"),
+                           std::string("cut \xE6\x8A"), std::string("nul\0in", 6), std::string("emoji 👩‍👩‍👧")}) {
+    Bytes direct;
+    appendJsonString(direct, text);
+    EXPECT_EQ(direct, encodeJson(Json(text))) << text;
+  }
+  Bytes key;
+  appendJsonKey(key, "matchs");
+  EXPECT_EQ(key, "\"matchs\":");
+}
+
 TEST(EventLogTest, ExportsLinesJoinedAndAnEmptyLogAsAnEmptyFile) {
   auto dir = std::filesystem::temp_directory_path() / "quorvi-eventlog-test";
   std::filesystem::create_directories(dir);
