@@ -10,38 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "zotero/zotero_schema.h"
 #include "zotero/zotero_tables.h"
 
 namespace quorvi::bench {
 
 namespace {
 
-const char* const kSchema = R"SQL(
-PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;
-CREATE TABLE itemTypes (itemTypeID INTEGER PRIMARY KEY, typeName TEXT, templateItemTypeID INT, display INT DEFAULT 1);
-CREATE TABLE fields (fieldID INTEGER PRIMARY KEY, fieldName TEXT, fieldFormatID INT);
-CREATE TABLE libraries (libraryID INTEGER PRIMARY KEY, type TEXT NOT NULL, editable INT NOT NULL,
-  filesEditable INT NOT NULL, version INT NOT NULL DEFAULT 0, storageVersion INT NOT NULL DEFAULT 0,
-  lastSync INT NOT NULL DEFAULT 0, archived INT NOT NULL DEFAULT 0);
-CREATE TABLE items (itemID INTEGER PRIMARY KEY, itemTypeID INT NOT NULL,
-  dateAdded TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP, dateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP,
-  clientDateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP, libraryID INT NOT NULL, key TEXT NOT NULL,
-  version INT NOT NULL DEFAULT 0, synced INT NOT NULL DEFAULT 0, UNIQUE (libraryID, key));
-CREATE TABLE itemDataValues (valueID INTEGER PRIMARY KEY, value UNIQUE);
-CREATE TABLE itemData (itemID INT, fieldID INT, valueID, PRIMARY KEY (itemID, fieldID));
-CREATE TABLE itemAttachments (itemID INTEGER PRIMARY KEY, parentItemID INT, linkMode INT, contentType TEXT,
-  charsetID INT, path TEXT, syncState INT DEFAULT 0, storageModTime INT, storageHash TEXT,
-  lastProcessedModificationTime INT);
-CREATE TABLE collections (collectionID INTEGER PRIMARY KEY, collectionName TEXT NOT NULL,
-  parentCollectionID INT DEFAULT NULL, clientDateModified TIMESTAMP NOT NULL DEFAULT CURRENT_TIMESTAMP,
-  libraryID INT NOT NULL, key TEXT NOT NULL, version INT NOT NULL DEFAULT 0, synced INT NOT NULL DEFAULT 0,
-  UNIQUE (libraryID, key));
-CREATE TABLE collectionItems (collectionID INT NOT NULL, itemID INT NOT NULL, orderIndex INT NOT NULL DEFAULT 0,
-  PRIMARY KEY (collectionID, itemID));
-CREATE INDEX collectionItems_itemID ON collectionItems(itemID);
-CREATE TABLE deletedItems (itemID INTEGER PRIMARY KEY, dateDeleted DEFAULT CURRENT_TIMESTAMP NOT NULL);
-CREATE TABLE groups (groupID INTEGER PRIMARY KEY, libraryID INT NOT NULL UNIQUE, name TEXT NOT NULL,
-  description TEXT NOT NULL, version INT NOT NULL);
+const std::string kSchema = std::string("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;") +
+                            quorvi::testing::kZoteroTables + R"SQL(
 INSERT INTO libraries VALUES (1, 'user', 1, 1, 0, 0, 0, 0), (2, 'group', 1, 1, 0, 0, 0, 0),
   (3, 'group', 1, 1, 0, 0, 0, 0);
 INSERT INTO groups VALUES (4355231, 2, 'Lab Reading Group', '', 0), (5120077, 3, 'beta project', '', 0);
@@ -140,7 +117,7 @@ std::string Generator::title(std::size_t n) {
 }
 
 bool Generator::run(std::size_t itemCount) {
-  if (sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr) != SQLITE_OK) return false;
+  if (sqlite3_exec(db_, kSchema.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) return false;
   exec("BEGIN;");
   // Current numbering: fields in Zotero's schema order from 1, item types likewise.
   int id = 0;
