@@ -191,8 +191,9 @@ void DispatchGroup::leave() {
     if (count_ > 0) --count_;
     if (count_ != 0) return;
     ready.swap(notifications_);
+    // Under the lock: a waiter may destroy the group as soon as it sees 0.
+    zero_.notify_all();
   }
-  zero_.notify_all();
   for (auto& [queue, work] : ready) queue->async(std::move(work));
 }
 
