@@ -7,8 +7,8 @@ packages=(
   # build
   cmake ninja-build g++ pkg-config ccache
   # libraries
-  libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev libplist-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev
+  libgtest-dev libgmock-dev
   # pinyin table generation (Unihan readings)
   unicode-data bzip2
   # tools the service and its tests run
