@@ -7,6 +7,9 @@
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <thread>
 
@@ -25,6 +28,41 @@ std::size_t poolSize() {
 asio::thread_pool& pool() {
   static auto* p = new asio::thread_pool(poolSize());
   return *p;
+}
+
+// Background work may use every core while the machine is idle, but its
+// threads run at nice 10: the scheduler then gives a request thread about ten
+// times the share of a background one, so a walk never slows a search much.
+constexpr int kBackgroundNice = 10;
+
+std::size_t backgroundPoolSize() { return std::max<std::size_t>(2, std::thread::hardware_concurrency()); }
+
+struct BackgroundPool {
+  asio::io_context context{static_cast<int>(backgroundPoolSize())};
+  asio::executor_work_guard<asio::io_context::executor_type> guard{context.get_executor()};
+  BackgroundPool() {
+    for (std::size_t i = 0; i < backgroundPoolSize(); ++i) {
+      std::thread([this] {
+        ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kBackgroundNice);
+        context.run();
+      }).detach();
+    }
+  }
+};
+
+BackgroundPool& backgroundPool() {
+  static auto* p = new BackgroundPool();
+  return *p;
+}
+
+asio::any_io_executor poolExecutor(QualityOfService qos) {
+  if (qos == QualityOfService::background) return backgroundPool().context.get_executor();
+  return pool().get_executor();
+}
+
+bool runningInPool(QualityOfService qos) {
+  if (qos == QualityOfService::background) return backgroundPool().context.get_executor().running_in_this_thread();
+  return pool().get_executor().running_in_this_thread();
 }
 
 struct MainLoop {
@@ -54,12 +92,12 @@ void WorkItem::perform() {
 
 struct DispatchQueue::Impl {
   asio::any_io_executor executor;
-  // Set for serial queues only.
-  std::unique_ptr<asio::strand<asio::thread_pool::executor_type>> strand;
+  // Set for serial queues only: whether the calling thread runs the strand.
+  std::function<bool()> runningInStrand;
 };
 
-DispatchQueue::DispatchQueue(std::string label, Kind kind, std::unique_ptr<Impl> impl)
-    : label_(std::move(label)), kind_(kind), impl_(std::move(impl)) {}
+DispatchQueue::DispatchQueue(std::string label, Kind kind, QualityOfService qos, std::unique_ptr<Impl> impl)
+    : label_(std::move(label)), kind_(kind), qos_(qos), impl_(std::move(impl)) {}
 
 DispatchQueue::~DispatchQueue() = default;
 
@@ -67,7 +105,7 @@ DispatchQueue& DispatchQueue::main() {
   static auto* queue = [] {
     auto impl = std::make_unique<Impl>();
     impl->executor = mainLoop().context.get_executor();
-    return new DispatchQueue("com.apple.main-thread", Kind::main, std::move(impl));
+    return new DispatchQueue("com.apple.main-thread", Kind::main, QualityOfService::userInitiated, std::move(impl));
   }();
   return *queue;
 }
@@ -76,23 +114,34 @@ DispatchQueue& DispatchQueue::global() {
   static auto* queue = [] {
     auto impl = std::make_unique<Impl>();
     impl->executor = pool().get_executor();
-    return new DispatchQueue("com.quorvi.global.userInitiated", Kind::concurrent, std::move(impl));
+    return new DispatchQueue("com.quorvi.global.userInitiated", Kind::concurrent, QualityOfService::userInitiated,
+                             std::move(impl));
   }();
   return *queue;
 }
 
-std::shared_ptr<DispatchQueue> DispatchQueue::makeSerial(std::string label) {
-  auto impl = std::make_unique<Impl>();
-  impl->strand = std::make_unique<asio::strand<asio::thread_pool::executor_type>>(
-      asio::make_strand(pool().get_executor()));
-  impl->executor = *impl->strand;
-  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::serial, std::move(impl)));
+DispatchQueue& DispatchQueue::background() {
+  static auto* queue = [] {
+    auto impl = std::make_unique<Impl>();
+    impl->executor = poolExecutor(QualityOfService::background);
+    return new DispatchQueue("com.quorvi.global.background", Kind::concurrent, QualityOfService::background,
+                             std::move(impl));
+  }();
+  return *queue;
 }
 
-std::shared_ptr<DispatchQueue> DispatchQueue::makeConcurrent(std::string label) {
+std::shared_ptr<DispatchQueue> DispatchQueue::makeSerial(std::string label, QualityOfService qos) {
   auto impl = std::make_unique<Impl>();
-  impl->executor = pool().get_executor();
-  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::concurrent, std::move(impl)));
+  auto strand = asio::make_strand(poolExecutor(qos));
+  impl->executor = strand;
+  impl->runningInStrand = [strand] { return strand.running_in_this_thread(); };
+  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::serial, qos, std::move(impl)));
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::makeConcurrent(std::string label, QualityOfService qos) {
+  auto impl = std::make_unique<Impl>();
+  impl->executor = poolExecutor(qos);
+  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(label), Kind::concurrent, qos, std::move(impl)));
 }
 
 void DispatchQueue::runMain() {
@@ -125,6 +174,10 @@ void DispatchQueue::stopMain() {
 
 std::size_t DispatchQueue::globalThreadCount() { return poolSize(); }
 
+std::size_t DispatchQueue::threadCount(QualityOfService qos) {
+  return qos == QualityOfService::background ? backgroundPoolSize() : poolSize();
+}
+
 void DispatchQueue::async(std::function<void()> work) { asio::post(impl_->executor, std::move(work)); }
 
 void DispatchQueue::async(WorkItemRef item) {
@@ -154,9 +207,9 @@ bool DispatchQueue::isCurrent() const {
     case Kind::main:
       return mainLoop().runner.load() == std::this_thread::get_id();
     case Kind::serial:
-      return impl_->strand->running_in_this_thread();
+      return impl_->runningInStrand();
     case Kind::concurrent:
-      return pool().get_executor().running_in_this_thread();
+      return runningInPool(qos_);
   }
   return false;
 }
@@ -225,7 +278,7 @@ void DispatchGroup::async(DispatchQueue& queue, std::function<void()> work) {
   });
 }
 
-void concurrentPerform(std::size_t iterations, const std::function<void(std::size_t)>& body) {
+void concurrentPerform(std::size_t iterations, const std::function<void(std::size_t)>& body, QualityOfService qos) {
   if (iterations == 0) return;
   struct Shared {
     std::atomic<std::size_t> next{0};
@@ -245,9 +298,10 @@ void concurrentPerform(std::size_t iterations, const std::function<void(std::siz
   // Helpers pull indices beside the caller. A helper that starts only after the
   // caller finished (the pool was busy) returns at once, so calling this from a
   // pool thread never deadlocks.
-  const std::size_t helpers = std::min(iterations, DispatchQueue::globalThreadCount()) - 1;
+  const std::size_t helpers = std::min(iterations, DispatchQueue::threadCount(qos)) - 1;
+  const asio::any_io_executor executor = poolExecutor(qos);
   for (std::size_t h = 0; h < helpers; ++h) {
-    asio::post(pool(), [shared] {
+    asio::post(executor, [shared] {
       {
         std::lock_guard lock(shared->mutex);
         if (shared->closed) return;

@@ -75,8 +75,8 @@ FileIndexer& FileIndexer::shared() {
 FileIndexer::FileIndexer(FilterEnvironment environment, bool logsToStandardOutput)
     : environment_(std::move(environment)),
       logsToStandardOutput_(logsToStandardOutput),
-      fseventQueue_(DispatchQueue::makeSerial("com.quorvi.fsevent")),
-      fseventOperationQueue_(DispatchQueue::makeSerial("com.quorvi.fsevent.operation")),
+      fseventQueue_(DispatchQueue::makeSerial("com.quorvi.fsevent", QualityOfService::background)),
+      fseventOperationQueue_(DispatchQueue::makeSerial("com.quorvi.fsevent.operation", QualityOfService::background)),
       fileEventWatcherIdentifier_(randomUUID()) {
   filter_ = std::make_shared<Filter>(Filter::build({}, environment_));
 }

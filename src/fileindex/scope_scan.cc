@@ -321,9 +321,9 @@ ScanResult ScopeScan::run(const std::vector<std::string>& scopes, const std::vec
   walk.stack = std::move(roots);
   std::reverse(walk.stack.begin(), walk.stack.end());
 
-  const std::size_t workers = std::max<std::size_t>(1, DispatchQueue::globalThreadCount());
+  const std::size_t workers = std::max<std::size_t>(1, DispatchQueue::threadCount(QualityOfService::background));
   walk.outputs.resize(workers);
-  concurrentPerform(workers, [&](std::size_t i) { walk.work(walk.outputs[i]); });
+  concurrentPerform(workers, [&](std::size_t i) { walk.work(walk.outputs[i]); }, QualityOfService::background);
   result.cancelled = walk.stopped.load() || walk.cancelled();
 
   // Folders first, so every record's folder id is known to the tree.

@@ -1,6 +1,12 @@
 #include "common/dispatch.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include <atomic>
 #include <future>
@@ -105,6 +111,44 @@ TEST(ConcurrentPerformTest, EveryIndexOnceEvenFromInsideThePool) {
   });
   EXPECT_EQ(total, int(DispatchQueue::globalThreadCount() * 2 * 50));
   concurrentPerform(0, [](std::size_t) { FAIL(); });
+}
+
+TEST(BackgroundQueueTest, BusyBackgroundPoolLeavesRequestThreadsFreeAndRunsNiced) {
+  // Occupy every background thread until released.
+  std::mutex mutex;
+  std::condition_variable released;
+  bool release = false;
+  std::atomic<int> started{0};
+  std::atomic<int> niceSeen{-100};
+  const std::size_t backgroundThreads = DispatchQueue::threadCount(QualityOfService::background);
+  for (std::size_t i = 0; i < backgroundThreads; ++i) {
+    DispatchQueue::background().async([&] {
+      niceSeen = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
+      started++;
+      std::unique_lock lock(mutex);
+      released.wait(lock, [&] { return release; });
+    });
+  }
+  while (started.load() < int(backgroundThreads)) std::this_thread::yield();
+  EXPECT_GT(niceSeen.load(), 0);
+
+  // A request still runs at once on the userInitiated pool.
+  std::promise<void> ran;
+  DispatchQueue::global().async([&] { ran.set_value(); });
+  EXPECT_EQ(ran.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+
+  // A serial background queue waits its turn, then runs in order.
+  auto serial = DispatchQueue::makeSerial("com.quorvi.test.background", QualityOfService::background);
+  std::promise<bool> onQueue;
+  serial->async([&] { onQueue.set_value(serial->isCurrent() && !DispatchQueue::global().isCurrent()); });
+  {
+    std::lock_guard lock(mutex);
+    release = true;
+  }
+  released.notify_all();
+  auto future = onQueue.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_TRUE(future.get());
 }
 
 }  // namespace
