@@ -11,27 +11,41 @@
 // slept, a watcher stopped and started again), then live events.
 //
 // What a receiver must handle:
-//  - paths are absolute; an event names one item (file, folder or link);
-//  - a rename inside the watched paths is one event, flagged kFileEventRenamed,
-//    with the new path in `path` and the old one in `movedFrom`; a folder's
-//    rename stands for its whole subtree;
+//  - paths are absolute and begin with one of the watcher's paths as given;
+//    an event names one item (file, folder or link);
+//  - a rename inside the watched paths is one event, flagged
+//    kFileEventRenamed, with the new path in `path` and the old one in
+//    `movedFrom`; a folder's rename stands for its whole subtree;
 //  - an item moved out of the watched paths is reported as removed (after a
-//    short hold, because the two halves of a rename may come apart);
+//    short hold, because the two halves of a rename may come apart); an item
+//    moved in from outside is reported as created;
 //  - a folder that appears (created, or moved in from outside) is reported
-//    once with kFileEventMustScanSubDirs after watches cover its subtree: the
+//    with kFileEventMustScanSubDirs once watches cover its subtree: the
 //    receiver walks it, and every change after the watch was set arrives as
 //    an event too (duplicates are possible, misses are not);
-//  - kFileEventMustScanSubDirs on a known folder (a queue overflow, a folder
-//    kept by sweeps whose time changed) means: the folder's subtree may have
-//    changed in ways no event reported; compare it with the disk;
+//  - kFileEventFolderChanged on a known folder: its entries may have changed
+//    in ways no event reported (a folder kept by sweeps whose time changed, a
+//    queue overflow, a folder that changed between the receiver's own walk
+//    and its watch); compare its entries with the disk, and walk whole any
+//    subfolder that is new there;
+//  - kFileEventMustScanSubDirs on a known folder: the same for its whole
+//    subtree (a watched path that reappeared, an overflow that a sweep could
+//    not resolve);
 //  - kFileEventHistoryIncomplete (path empty) means the journal did not reach
 //    back to the since-when id (or the service restarted since): reconcile
 //    everything watched; kFileEventHistoryDone ends a replay.
+//  - a watched path that does not exist (yet) is waited for: when it
+//    appears it is reported with kFileEventCreated | kFileEventMustScanSubDirs;
+//    when it goes away, with kFileEventRemoved | kFileEventRootChanged.
 //
 // Watches: inotify watches are a per-user resource shared with editors, file
 // managers and sync clients. The service takes at most a budget of them
 // (half of fs.inotify.max_user_watches unless told otherwise); folders beyond
-// the budget are kept current by periodic modification-time sweeps.
+// the budget are kept current by periodic modification-time sweeps (which see
+// entries added, removed and renamed, not files rewritten in place).
+//
+// Symbolic links are never followed below a watched path (a watched path that
+// is itself a link is followed).
 #pragma once
 
 #include <cstdint>
@@ -39,6 +53,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/dispatch.h"
@@ -56,9 +71,10 @@ enum FileEventFlag : uint32_t {
   kFileEventIsDirectory = 1u << 4,
   kFileEventIsSymlink = 1u << 5,
   kFileEventMustScanSubDirs = 1u << 6,
-  kFileEventRootChanged = 1u << 7,  // a watched path itself was removed or moved
+  kFileEventRootChanged = 1u << 7,  // a watched path itself appeared, was removed or moved
   kFileEventHistoryDone = 1u << 8,
   kFileEventHistoryIncomplete = 1u << 9,
+  kFileEventFolderChanged = 1u << 10,
 };
 
 struct FileEvent {
@@ -73,6 +89,20 @@ struct FileEvent {
 // Called on the watcher's queue with events in id order.
 using FileEventHandler = std::function<void(std::vector<FileEvent> events)>;
 
+// How one watcher wants its paths watched.
+struct FileWatchOptions {
+  // Whether to watch (and report) inside a folder found below a watched
+  // path; null watches every folder. Called on the service's own thread with
+  // the folder's path; must be quick and thread-safe. A folder it refuses is
+  // still reported itself, its contents are not.
+  std::function<bool(std::string_view folderPath)> watchesFolder;
+  // Folders whose modification time is at or after this (seconds since
+  // 1970) when their watch is set are reported with kFileEventFolderChanged,
+  // so that a receiver that walked the folders before watching them learns
+  // which changed in between. 0: none.
+  double reportsFoldersChangedSince = 0;
+};
+
 // Counts for the performance snapshot.
 struct FileEventsStatistics {
   int64_t watchedFolders = 0;   // folders with an inotify watch
@@ -81,6 +111,7 @@ struct FileEventsStatistics {
   int64_t eventsDelivered = 0;
   int64_t overflows = 0;
   double lastSweepSeconds = 0;  // duration of the last sweep
+  int64_t bytesOfWatchTree = 0; // memory held for the watched folders
 };
 
 class FileEvents {
@@ -90,7 +121,7 @@ class FileEvents {
     std::optional<int64_t> watchBudget;   // empty: half of max_user_watches
     double moveOutHold = 0.05;            // seconds an unmatched move-out waits
     double sweepInterval = 2.0;           // seconds between sweeps of unwatched folders
-    std::size_t journalCapacity = 100000; // events kept for replay
+    std::size_t journalBytes = 8u << 20;  // events kept for replay, in bytes
   };
 
   // The process-wide service (standard options), started on first use.
@@ -102,16 +133,24 @@ class FileEvents {
 
   // Starts watching `paths` (folders) under `identifier`, replacing a watcher
   // of the same identifier. With sinceWhen, events after that id are replayed
-  // first (or kFileEventHistoryIncomplete when the journal cannot). Returns
-  // false when no path could be watched.
+  // first (or kFileEventHistoryIncomplete when the journal cannot). Watches
+  // are set on the service's own thread: this returns at once, and events
+  // begin once the watches are in place. Returns false only when the service
+  // cannot watch at all (no inotify).
   bool startWatching(const std::vector<std::string>& paths, const std::string& identifier,
                      std::shared_ptr<DispatchQueue> queue, std::optional<FileEventID> sinceWhen,
-                     FileEventHandler handler);
+                     FileEventHandler handler, FileWatchOptions options = {});
+  // Stops delivery to the watcher. Its watches stay set and its events stay
+  // in the journal for a while, so that a start with a since-when id replays
+  // what happened meanwhile.
   void stopWatching(const std::string& identifier);
 
   // The id of the newest event given out (what a sleeping watcher resumes from).
   FileEventID currentEventID() const;
   FileEventsStatistics statistics() const;
+  // Blocks until the watches asked for so far are in place and the events
+  // read so far are handed on (tools and tests).
+  void waitUntilIdle() const;
 
  private:
   struct Impl;
