@@ -98,6 +98,20 @@ void FileIndexer::waitForPendingChanges() {
   fseventQueue_->sync([] {});
 }
 
+void FileIndexSnapshot::forEach(const std::function<bool(const FileTable&, std::size_t)>& visit) const {
+  for (const auto& table : segments_) {
+    for (std::size_t row = 0; row < table->size(); ++row) {
+      if (!visit(*table, row)) return;
+    }
+  }
+}
+
+std::size_t FileIndexSnapshot::count() const {
+  std::size_t total = 0;
+  for (const auto& table : segments_) total += table->size();
+  return total;
+}
+
 // --- scope changes ---
 
 void FileIndexer::startIndexing(std::vector<std::string> scopes) {

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -39,6 +40,24 @@
 #include "fileindex/unfairlock_file_array.h"
 
 namespace quorvi {
+
+// A consistent view of the index's records at one moment, for readers
+// outside the index (metadata queries, desktop search providers). It holds
+// the record tables it was made from, so it stays valid and unchanged while
+// the index moves on; make a new one per request.
+class FileIndexSnapshot {
+ public:
+  FileIndexSnapshot() = default;
+  explicit FileIndexSnapshot(FileSegments segments) : segments_(std::move(segments)) {}
+  // Calls visit(table, row) for every live record in index order (newest
+  // first) until it returns false. Use the table's accessors (name, path,
+  // isDirectory, lastUsedTimestamp, matchText) on that row.
+  void forEach(const std::function<bool(const FileTable& table, std::size_t row)>& visit) const;
+  std::size_t count() const;
+
+ private:
+  FileSegments segments_;
+};
 
 class FileIndexer {
  public:
@@ -71,6 +90,7 @@ class FileIndexer {
   // Records found so far by the scan under way (0 when none runs).
   int64_t scanProgress() const { return scanProgress_.load(std::memory_order_relaxed); }
   UnfairlockFileArray& fileRef() { return fileRef_; }
+  FileIndexSnapshot snapshot() const { return FileIndexSnapshot(fileRef_.copy()); }
   DispatchQueue& fseventQueue() { return *fseventQueue_; }
   // Blocks until every mutation queued so far has run (tools and tests).
   void waitForPendingChanges();
