@@ -2,6 +2,8 @@
 // scope changes run there).
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <thread>
 
 #include "common/dispatch.h"
@@ -25,6 +27,9 @@ class MainQueueThread : public ::testing::Environment {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Dates are written in local time: make it UTC for the expectations.
+  ::setenv("TZ", "UTC", 1);
+  ::tzset();
   ::testing::InitGoogleTest(&argc, argv);
   ::testing::AddGlobalTestEnvironment(new MainQueueThread);
   return RUN_ALL_TESTS();

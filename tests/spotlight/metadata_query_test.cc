@@ -106,7 +106,7 @@ TEST(MetadataQueryTest, MalformedStringsFailClearly) {
       "a == 12abc",
       "a == 'x\\",
       std::string(100000, '('),
-      std::string("a == '\0'", 8),
+      std::string("a == \0'x'", 9),
   };
   for (const auto& text : bad) {
     MetadataQuery query = MetadataQuery::parse(text);

@@ -37,7 +37,8 @@ TEST(TextPatternTest, WordPrefixes) {
       {"'*'cdw", "", true},
       {"'*port*'cdw", "myreport.txt", true},
       {"'*.txt'cdw", "myreport.txt", true},
-      {"'*.txt'cdw", "myreport.txt.gz", false},
+      {"'*.txt'cd", "myreport.txt.gz", false},
+      {"'*.txt'cdw", "myreport.txt.gz", true},  // ".txt" ends where the word "gz" starts
       {"'my*.txt'cdw", "myreport.txt", true},
       {"'rep*'", "report", true},
       {"'rep*'", "a report", false},
@@ -50,7 +51,7 @@ TEST(TextPatternTest, CaseAndDiacriticsFoldOnlyWhenAsked) {
       {"'cafe*'cdw", "Café Menu.txt", true},
       {"'CAFÉ*'cdw", "cafe menu.txt", true},
       {"'cafe*'cw", "Café Menu.txt", false},
-      {"'caf*'dw", "Café", true},
+      {"'cafe*'dw", "café", true},
       {"'CAF*'dw", "Café", false},
       {"'resume*'cdw", "Résumé.docx", true},
       {"'strasse*'cdw", "Straße.txt", true},
