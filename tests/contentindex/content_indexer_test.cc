@@ -94,6 +94,7 @@ TEST_F(ContentIndexerTest, BuildsFromTheFileIndexInEveryFormat) {
   write("photo.jpg", "kappa");
   write(".hidden/secret.txt", "lambda");
   write("node_modules/pkg/x.txt", "mu");
+  touch(notes, 1500000000);  // an access time a day old or more is renewed by a plain read
   makeContentIndex();
   indexHome();
 
@@ -108,6 +109,11 @@ TEST_F(ContentIndexerTest, BuildsFromTheFileIndexInEveryFormat) {
   EXPECT_TRUE(find("kappa").empty());   // not a document
   EXPECT_TRUE(find("lambda").empty());  // hidden: not in the file index
   EXPECT_TRUE(find("mu").empty());      // ignored folder
+
+  // Reading a document for the index leaves its access time alone.
+  struct stat info;
+  ASSERT_EQ(::stat(notes.c_str(), &info), 0);
+  EXPECT_EQ(info.st_atim.tv_sec, 1500000000);
 
   ContentIndexProgress progress = content_->progress();
   EXPECT_EQ(progress.documents, 7);
