@@ -9,7 +9,8 @@
 //                                        --attributes DIR
 //       through quorvifind over the bus: index the scopes, wait for the
 //       content index, time #21 per name query, #22 per content query
-//       (words found in text only) and #25 per file of DIR.
+//       (words found in text only), #11 (with name queries) and #25 per
+//       file of DIR.
 // Lines starting "@" are read by the run script.
 #include <dirent.h>
 #include <sys/stat.h>
@@ -209,6 +210,10 @@ int overBus(int argc, char** argv) {
   for (const auto& q : names) {
     auto [ms, n] = time("querySpotlightByNameWithKeyword:searchScopes:maxcount:completion:", {q, scopeList.dump(), "100"});
     std::printf("name query (#21) '%s': median %.3f ms, %zu items\n@name_bus %s|%.4f\n", q.c_str(), ms, n, q.c_str(), ms);
+  }
+  if (!names.empty()) {
+    auto [ms, n] = time("getRecentFilesWithSearchScopes:completionHandler:", {scopeList.dump()});
+    std::printf("recent files (#11, every record's access time): median %.3f ms, %zu items\n@recent_bus %.4f\n", ms, n, ms);
   }
   for (const auto& q : contents) {
     auto [ms, n] = time("querySpotlightByNameAndContentsWithKeyword:searchScopes:maxcount:completion:",

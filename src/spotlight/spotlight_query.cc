@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "common/dispatch.h"
 #include "contentindex/content_indexer.h"
 #include "contentindex/content_store.h"
 #include "fileindex/file_indexer.h"
@@ -238,7 +239,7 @@ class Evaluation {
     return !(filter_ && filter_->isIgnored(candidate.path));
   }
 
-  bool holdsAll(const Plan& plan, Candidate& candidate, Attribute from = Attribute::none) const {
+  bool holdsAll(const Plan& plan, Candidate& candidate) const {
     for (const auto& clause : plan.clauses) {
       if (!holds(clause, candidate)) return false;
     }
@@ -261,7 +262,9 @@ bool isAscii(std::string_view text) {
 }
 
 // Candidates of a conjunction from the file index, in index order (newest
-// modification first), until `limit` (SIZE_MAX: all).
+// modification first), until `limit` (SIZE_MAX: all). A conjunction that
+// reads every record's inode (a last-used date) is spread over the request
+// pool, in chunks whose results keep the index order.
 void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_t limit,
                       const std::function<bool(Candidate&)>& accept) {
   FileIndexer* files = evaluation.sources().files;
@@ -274,29 +277,59 @@ void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_
         !clause.pattern->requiredLowercaseBytes().empty())
       filters.push_back(&*clause.pattern);
   }
-  std::size_t accepted = 0;
-  files->snapshot().forEach([&](const FileTable& table, std::size_t row) {
-    if (!filters.empty()) {
-      std::string_view text = table.matchText(row);
-      bool ascii = isAscii(text);
-      for (const TextPattern* pattern : filters) {
-        if (!ascii && !pattern->requiredBytesHoldInAnyText()) continue;
-        const std::string& needle = pattern->requiredLowercaseBytes();
-        if (!memmem(text.data(), text.size(), needle.data(), needle.size())) return true;
-      }
+  auto mayMatch = [&](const FileTable& table, std::size_t row) {
+    if (filters.empty()) return true;
+    std::string_view text = table.matchText(row);
+    bool ascii = isAscii(text);
+    for (const TextPattern* pattern : filters) {
+      if (!ascii && !pattern->requiredBytesHoldInAnyText()) continue;
+      const std::string& needle = pattern->requiredLowercaseBytes();
+      if (!memmem(text.data(), text.size(), needle.data(), needle.size())) return false;
     }
-    Candidate candidate;
+    return true;
+  };
+  auto consider = [&](const FileTable& table, std::size_t row, Candidate& candidate) {
     candidate.name = table.name(row);
     candidate.isDir = table.isDirectory(row);
     candidate.modification = table.lastUsedTimestamp(row);
     // Name clauses first, before the path is built.
     for (const auto& clause : plan.clauses) {
-      if (clause.attribute == Attribute::name && !evaluation.holds(clause, candidate)) return true;
+      if (clause.attribute == Attribute::name && !evaluation.holds(clause, candidate)) return false;
     }
     candidate.path = table.path(row);
-    if (!evaluation.inScopes(candidate.path)) return true;
-    if (!evaluation.holdsAll(plan, candidate)) return true;
-    if (!evaluation.admitted(candidate)) return true;
+    return evaluation.inScopes(candidate.path) && evaluation.holdsAll(plan, candidate) && evaluation.admitted(candidate);
+  };
+
+  FileIndexSnapshot snapshot = files->snapshot();
+  if (plan.usesLastUsed) {
+    std::vector<std::pair<const FileTable*, std::size_t>> records;
+    snapshot.forEach([&](const FileTable& table, std::size_t row) {
+      if (mayMatch(table, row)) records.emplace_back(&table, row);
+      return true;
+    });
+    constexpr std::size_t kChunk = 2048;
+    std::vector<std::vector<Candidate>> chunks((records.size() + kChunk - 1) / kChunk);
+    concurrentPerform(chunks.size(), [&](std::size_t c) {
+      std::size_t end = std::min(records.size(), (c + 1) * kChunk);
+      for (std::size_t i = c * kChunk; i < end; ++i) {
+        Candidate candidate;
+        if (consider(*records[i].first, records[i].second, candidate)) chunks[c].push_back(std::move(candidate));
+      }
+    });
+    std::size_t accepted = 0;
+    for (auto& chunk : chunks) {
+      for (auto& candidate : chunk) {
+        if (accepted >= limit) return;
+        if (accept(candidate)) ++accepted;
+      }
+    }
+    return;
+  }
+  std::size_t accepted = 0;
+  snapshot.forEach([&](const FileTable& table, std::size_t row) {
+    if (!mayMatch(table, row)) return true;
+    Candidate candidate;
+    if (!consider(table, row, candidate)) return true;
     if (accept(candidate)) ++accepted;
     return accepted < limit;
   });
