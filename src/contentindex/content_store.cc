@@ -302,7 +302,7 @@ bool ContentStore::search(const std::string& expression, std::size_t limit,
   }
   bindText(statement, 1, expression);
   std::size_t accepted = 0;
-  int rc;
+  int rc = SQLITE_DONE;
   while (accepted < limit && (rc = sqlite3_step(statement)) == SQLITE_ROW) {
     ContentHit hit{columnText(statement, 0), sqlite3_column_int64(statement, 1)};
     if (admit(hit)) ++accepted;
