@@ -280,11 +280,18 @@ void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_
   auto mayMatch = [&](const FileTable& table, std::size_t row) {
     if (filters.empty()) return true;
     std::string_view text = table.matchText(row);
-    bool ascii = isAscii(text);
+    thread_local std::string skeleton;
+    bool haveSkeleton = false;
     for (const TextPattern* pattern : filters) {
-      if (!ascii && !pattern->requiredBytesHoldInAnyText()) continue;
       const std::string& needle = pattern->requiredLowercaseBytes();
-      if (!memmem(text.data(), text.size(), needle.data(), needle.size())) return false;
+      if (memmem(text.data(), text.size(), needle.data(), needle.size())) continue;
+      if (pattern->requiredBytesHoldInAnyText() || isAscii(text)) return false;
+      // Not ASCII: "café" holds "cafe" only once its accent is dropped.
+      if (!haveSkeleton) {
+        asciiSkeleton(text, skeleton);
+        haveSkeleton = true;
+      }
+      if (!memmem(skeleton.data(), skeleton.size(), needle.data(), needle.size())) return false;
     }
     return true;
   };

@@ -134,6 +134,27 @@ FoldedText foldText(std::string_view text, bool caseInsensitive, bool diacriticI
   return out;
 }
 
+void asciiSkeleton(std::string_view text, std::string& out) {
+  out.clear();
+  for (std::size_t at = 0; at < text.size();) {
+    unsigned char byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x80) {
+      out.push_back(static_cast<char>(byte >= 'A' && byte <= 'Z' ? byte | 0x20 : byte));
+      ++at;
+      continue;
+    }
+    Utf8Step step = decodeUtf8(text, at);
+    at += step.length;
+    const std::string& folded = foldedCodePoint(step.valid ? step.codePoint : 0xFFFD, true, true);
+    bool ascii = std::all_of(folded.begin(), folded.end(), [](char c) { return (c & 0x80) == 0; });
+    if (ascii) {
+      out += folded;  // "é" → "e", a combining mark → nothing
+    } else {
+      out.push_back('\x01');
+    }
+  }
+}
+
 TextPattern::TextPattern(const QueryValue& value)
     : caseInsensitive_(value.caseInsensitive),
       diacriticInsensitive_(value.diacriticInsensitive),

@@ -34,6 +34,12 @@ struct FoldedText {
 
 FoldedText foldText(std::string_view text, bool caseInsensitive, bool diacriticInsensitive);
 
+// The text case-folded with its diacritics dropped, every character that does
+// not fold to ASCII written as the byte 0x01: a cheap stand-in for a name
+// that is not ASCII, in which a pattern's ASCII required bytes can still be
+// looked for (a name that matches always holds them in this form).
+void asciiSkeleton(std::string_view text, std::string& out);
+
 class TextPattern {
  public:
   explicit TextPattern(const QueryValue& value);
@@ -43,9 +49,9 @@ class TextPattern {
   FoldedText fold(std::string_view text) const { return foldText(text, caseInsensitive_, diacriticInsensitive_); }
 
   // A run of bytes every text this pattern matches holds, once lower-cased,
-  // when the text is ASCII (and, when `holdsInAnyText`, in any text): lets a
-  // search skip most names with one memmem over their lower-cased form.
-  // Empty when there is none.
+  // when the text is ASCII; in the ASCII skeleton of any text when the bytes
+  // are ASCII; and in any text when `requiredBytesHoldInAnyText`. Lets a
+  // search skip most names with one memmem. Empty when there is none.
   const std::string& requiredLowercaseBytes() const { return required_; }
   bool requiredBytesHoldInAnyText() const { return requiredInAny_; }
 

@@ -1,6 +1,8 @@
 // Matching of names against query patterns: words, case, diacritics, stars.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "spotlight/metadata_query.h"
 #include "spotlight/text_pattern.h"
 
@@ -84,14 +86,29 @@ TEST(TextPatternTest, RequiredBytesNeverRejectAMatch) {
   // For each pattern and name that match, the lower-cased ASCII name holds
   // the pattern's required bytes, so the search's shortcut is sound.
   const std::vector<std::pair<const char*, const char*>> matching = {
-      {"'Rep*'cdw", "Annual Report"}, {"'*PORT*'cdw", "myreport"}, {"'a*b*c'cdw", "axxbyyc"}, {"'报告*'cdw", "年度报告"}};
+      {"'Rep*'cdw", "Annual Report"},   {"'*PORT*'cdw", "myreport"},          {"'a*b*c'cdw", "axxbyyc"},
+      {"'报告*'cdw", "年度报告"},         {"'cafe*'cdw", "Café Menu"},          {"'resume*'cdw", "re\xCC\x81sume\xCC\x81"},
+      {"'strasse*'cdw", "Straße"},      {"'kelvin*'cdw", "\xE2\x84\xAA" "elvin"}, {"'pho*'cdw", "Phở bò"},
+      {"'menu*'cdw", "Café Menu 报告"}};
   for (const auto& [quoted, name] : matching) {
     TextPattern p = pattern(quoted);
     ASSERT_TRUE(p.matches(name)) << quoted;
-    std::string lowered = name;
+    const std::string& required = p.requiredLowercaseBytes();
+    if (required.empty()) continue;
+    std::string lowered = name, skeleton;
     for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (!p.requiredLowercaseBytes().empty()) EXPECT_NE(lowered.find(p.requiredLowercaseBytes()), std::string::npos) << quoted;
+    bool ascii = std::all_of(lowered.begin(), lowered.end(), [](char c) { return (c & 0x80) == 0; });
+    asciiSkeleton(name, skeleton);
+    if (ascii) EXPECT_NE(lowered.find(required), std::string::npos) << quoted;
+    if (p.requiredBytesHoldInAnyText()) {
+      EXPECT_NE(std::string(name).find(required), std::string::npos) << quoted;
+    } else {
+      EXPECT_NE(skeleton.find(required), std::string::npos) << quoted << " skeleton " << skeleton;
+    }
   }
+  std::string skeleton;
+  asciiSkeleton("Café 报告 e\xCC\x81", skeleton);
+  EXPECT_EQ(skeleton, "cafe \x01\x01 e");
   EXPECT_TRUE(pattern("'报告*'cdw").requiredBytesHoldInAnyText());
   EXPECT_FALSE(pattern("'rep*'cdw").requiredBytesHoldInAnyText());
   // Without diacritic folding a name's "é" is not an "e": no shortcut.
