@@ -9,8 +9,8 @@ packages=(
   # libraries
   libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev
   libgtest-dev libgmock-dev
-  # pinyin table generation (Unihan readings)
-  unicode-data bzip2
+  # pinyin table generation (Unihan readings; words with their readings)
+  unicode-data bzip2 rime-data-pinyin-simp
   # tools the service and its tests run
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run
