@@ -12,8 +12,8 @@ packages=(
   # metadata queries: MIME types, desktop entries and the recently-used list
   # (GIO, shared-mime-info); document text (Poppler, libzip, libxml2)
   libglib2.0-dev shared-mime-info libpoppler-cpp-dev libzip-dev libxml2-dev
-  # pinyin table generation (Unihan readings)
-  unicode-data bzip2
+  # pinyin table generation (Unihan readings; words with their readings)
+  unicode-data bzip2 rime-data-pinyin-simp
   # tools the service and its tests run
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run
