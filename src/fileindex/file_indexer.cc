@@ -224,7 +224,7 @@ void FileIndexer::watch(std::optional<FileEventID> sinceWhen, double changedSinc
   FileWatchOptions options;
   options.watchesFolder = [rules](std::string_view folder) { return rules->entersChild(folder); };
   options.reportsFoldersChangedSince = changedSince;
-  std::weak_ptr<bool> alive = alive_;
+  std::weak_ptr<std::atomic<bool>> alive = alive_;
   fileEvents_.startWatching(
       rules->scopes(), fileEventWatcherIdentifier_, fseventQueue_, sinceWhen,
       [this, alive](std::vector<FileEvent> events) {
@@ -353,7 +353,7 @@ void FileIndexer::handleEvents(std::vector<FileEvent> events) {
 
 void FileIndexer::scheduleUpkeep() {
   const uint64_t generation = generation_.load();
-  std::weak_ptr<bool> alive = alive_;
+  std::weak_ptr<std::atomic<bool>> alive = alive_;
   auto work = [this, alive, generation] {
     auto token = alive.lock();
     if (token && *token) runUpkeep(generation);
@@ -393,7 +393,7 @@ void FileIndexer::runUpkeep(uint64_t generation) {
     return;
   }
   commitPending_ = true;
-  std::weak_ptr<bool> alive = alive_;
+  std::weak_ptr<std::atomic<bool>> alive = alive_;
   fseventQueue_->async([this, alive, change = std::move(change), lines = std::move(lines), generation]() mutable {
     auto token = alive.lock();
     if (token && *token) commit(std::move(change), std::move(lines), generation);
@@ -519,7 +519,7 @@ std::vector<File> FileIndexer::checkedHits(const FileSegments& segments, const s
 }
 
 void FileIndexer::removeStale(std::vector<FileReference> stale) {
-  std::weak_ptr<bool> alive = alive_;
+  std::weak_ptr<std::atomic<bool>> alive = alive_;
   fseventQueue_->async([this, alive, stale = std::move(stale)] {
     auto token = alive.lock();
     if (!token || !*token) return;

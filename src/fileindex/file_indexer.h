@@ -189,7 +189,8 @@ class FileIndexer {
   std::mutex throttleMutex_;
   double pendingSince_ = 0;  // when the oldest change still waiting was noted (monotonic)
   std::atomic<bool> commitPending_{false};
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  // Work queued with a delay checks this before touching the index.
+  std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
 
   // Performance counters.
   std::atomic<int64_t> runs_{0};

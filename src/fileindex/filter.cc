@@ -10,6 +10,7 @@
 #include "common/settings.h"
 #include "fileindex/match_text.h"
 #include "platform/atomic_file.h"
+#include "platform/safe_file.h"
 #include "platform/paths.h"
 
 namespace quorvi {
@@ -38,13 +39,6 @@ bool fileExists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 std::vector<CStringRef> stringList(const Json& preferences, const char* key) {
   std::vector<CStringRef> list;
@@ -112,7 +106,9 @@ Json loadPreferences(const FilterEnvironment& environment) {
     writeFileAtomically(file, kDefaultPreferencesJSON);
   }
   Json preferences;
-  if (auto text = readFile(file)) preferences = Json::parse(*text, nullptr, /*allow_exceptions=*/false);
+  // The user edits this file: a FIFO or a huge file there must not hang or
+  // exhaust the service (it is read on the first request that needs the index).
+  if (auto text = readRegularFile(file, kSmallTextFileCap)) preferences = Json::parse(*text, nullptr, /*allow_exceptions=*/false);
   // A damaged file must not take the default rules away: read the default.
   if (!preferences.is_object()) preferences = Json::parse(kDefaultPreferencesJSON);
   return preferences;

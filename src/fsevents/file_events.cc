@@ -197,6 +197,7 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
   int inotifyFd = -1;
   int64_t budget = 0;
   std::shared_ptr<DispatchQueue> queue;
+  std::mutex readerMutex;  // the reader goes away while processing may still use it
   std::unique_ptr<InotifyReader> reader;
   std::atomic<bool> stopping{false};
   std::atomic<int64_t> statWatched{0}, statSwept{0}, statDelivered{0}, statOverflows{0}, statTreeBytes{0};
@@ -899,7 +900,10 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
       self->holdExpiryScheduled = false;
       // A second half may still sit in the kernel's queue: have it read and
       // queued ahead of the expiry.
-      if (self->reader) self->reader->flush();
+      {
+        std::lock_guard lock(self->readerMutex);
+        if (self->reader) self->reader->flush();
+      }
       self->queue->async([weak] {
         auto self = weak.lock();
         if (!self || self->stopping) return;
@@ -1128,6 +1132,7 @@ FileEvents::FileEvents(Options options) : impl_(std::make_shared<Impl>(std::move
         self->queue->async([self, batch = std::move(batch)]() mutable {
           const std::size_t count = batch.size();
           if (!self->stopping) self->process(std::move(batch));
+          std::lock_guard lock(self->readerMutex);
           if (self->reader) self->reader->handled(count);
         });
       },
@@ -1138,7 +1143,11 @@ FileEvents::~FileEvents() {
   impl_->stopping = true;
   // The reader first, so that nothing new arrives; then let queued work see
   // `stopping` and drain. Delayed work holds the state weakly.
-  auto reader = std::move(impl_->reader);
+  std::unique_ptr<InotifyReader> reader;
+  {
+    std::lock_guard lock(impl_->readerMutex);
+    reader = std::move(impl_->reader);
+  }
   reader.reset();
   impl_->queue->sync([] {});
   if (impl_->inotifyFd >= 0) ::close(impl_->inotifyFd);
@@ -1180,7 +1189,10 @@ FileEventsStatistics FileEvents::statistics() const {
 }
 
 void FileEvents::waitUntilIdle() const {
-  if (impl_->reader) impl_->reader->flush();
+  {
+    std::lock_guard lock(impl_->readerMutex);
+    if (impl_->reader) impl_->reader->flush();
+  }
   // Arming goes on in slices; wait until no job is left.
   for (;;) {
     impl_->queue->sync([] {});

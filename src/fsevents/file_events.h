@@ -141,7 +141,8 @@ class FileEvents {
   bool startWatching(const std::vector<std::string>& paths, const std::string& identifier,
                      std::shared_ptr<DispatchQueue> queue, std::optional<FileEventID> sinceWhen,
                      FileEventHandler handler, FileWatchOptions options = {});
-  // Stops delivery to the watcher. With keepsHistory its watches stay set
+  // Stops delivery to the watcher (batches already handed to its queue
+  // still run there). With keepsHistory its watches stay set
   // and its events stay in the journal for as long as the journal reaches
   // back to the stop, so that a start with a since-when id replays what
   // happened meanwhile; without, its watches are given up at once.

@@ -1,5 +1,6 @@
 // The ignore filter: its preferences file, the one-time migration and the
 // rules in their order.
+#include <sys/stat.h>
 #include <fstream>
 #include <sstream>
 
@@ -51,6 +52,18 @@ TEST(FilterPreferences, DamagedFileFallsBackToTheDefaultRulesWithoutOverwritingI
   Filter filter = Filter::build({}, tree.environment());
   EXPECT_TRUE(filter.isIgnored("/p/node_modules/a"));
   EXPECT_EQ(readFile(tree.preferencesFile()), "{ not json");
+}
+
+// Read on the first request that needs the index: a FIFO in its place must
+// not hang the service; the default rules stand in.
+TEST(FilterPreferences, AFifoInPlaceOfThePreferencesFileReadsAsTheDefault) {
+  IndexTree tree;
+  tree.settings().set(Filter::kDidInitNodeModulesKey, true);
+  tree.writePreferences("{}");
+  ::unlink(tree.preferencesFile().c_str());
+  ASSERT_EQ(::mkfifo(tree.preferencesFile().c_str(), 0600), 0);
+  Filter filter = Filter::build({}, tree.environment());
+  EXPECT_TRUE(filter.isIgnored("/p/node_modules/a"));
 }
 
 TEST(FilterRules, EachRuleAndItsComparison) {
