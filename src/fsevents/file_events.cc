@@ -29,6 +29,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -72,6 +73,20 @@ constexpr std::size_t kPromotionsPerSweep = 256;
 double nowSeconds() {
   using namespace std::chrono;
   return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+// The fingerprint to keep for a folder just looked at. File times are
+// stamped from the kernel's coarse clock, so a file created in the same tick
+// as the look leaves the folder's time unchanged; a time that recent is kept
+// as "never seen", and the next sweep looks again whatever the time says.
+uint32_t settledFingerprint(const struct stat& st) {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  const int64_t nowNs = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+  const int64_t modifiedNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  constexpr int64_t kRacyWindowNs = 50'000'000;  // several ticks of the coarsest kernel clock
+  if (modifiedNs >= nowNs - kRacyWindowNs) return 0;
+  return WatchTree::fingerprint(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
 }
 
 double monotonicSeconds() {
@@ -436,7 +451,7 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
   // Records the folder's time; for a start, reports the folder to watchers
   // that asked to hear of folders changed since some moment.
   void noteTime(const ArmJob& job, uint32_t node, const struct stat& st, const std::string& path) {
-    tree[node].mtime = WatchTree::fingerprint(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    tree[node].mtime = settledFingerprint(st);
     tree[node].age = WatchTree::ageOf(st.st_mtim.tv_sec, static_cast<int64_t>(nowSeconds()));
     if (!job.reportsChangedSince) return;
     const double modified = static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) * 1e-9;
@@ -997,7 +1012,7 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
       }
       uint32_t print = WatchTree::fingerprint(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
       if (print == tree[node].mtime) continue;
-      tree[node].mtime = print;
+      tree[node].mtime = settledFingerprint(st);
       tree[node].age = WatchTree::ageOf(st.st_mtim.tv_sec, now);
       reconcileFolder(node, path, newJobs);
       changed.push_back(node);
