@@ -84,11 +84,8 @@ void ZoteroIndexer::drainRequests() {
       }
       batch.swap(requests_);
     }
-    cancelExpiry();
+    cancelExpiry();  // no expiry while the batch reads
     answerBatch(batch);
-    // Every request ends by restarting the cache's lifetime; a batch ends
-    // them all at once, so one expiry timer is armed for it.
-    scheduleExpiry();
   }
 }
 
@@ -103,6 +100,10 @@ void ZoteroIndexer::answerBatch(std::vector<Request>& batch) {
     } catch (const std::exception& error) {  // memory exhaustion on a huge file, mostly
       result = {nullptr, error.what()};
     }
+    // Every request ends by restarting the cache's lifetime: once for all
+    // that share this answer, before they hear of it (after the last answer
+    // nothing here may touch what the caller owns).
+    scheduleExpiry();
     // A fresh look serves every waiting request for the folder; the cached
     // answer only those that allow the cache.
     for (std::size_t j = i; j < batch.size(); ++j) {

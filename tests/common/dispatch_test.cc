@@ -158,15 +158,18 @@ TEST(BackgroundQueueTest, BusyBackgroundPoolLeavesRequestThreadsFreeAndRunsNiced
   std::mutex mutex;
   std::condition_variable released;
   bool release = false;
-  std::atomic<int> started{0};
+  std::atomic<int> started{0}, finished{0};
   std::atomic<int> niceSeen{-100};
   const std::size_t backgroundThreads = DispatchQueue::threadCount(QualityOfService::background);
   for (std::size_t i = 0; i < backgroundThreads; ++i) {
     DispatchQueue::background().async([&] {
       niceSeen = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
       started++;
-      std::unique_lock lock(mutex);
-      released.wait(lock, [&] { return release; });
+      {
+        std::unique_lock lock(mutex);
+        released.wait(lock, [&] { return release; });
+      }
+      finished++;
     });
   }
   while (started.load() < int(backgroundThreads)) std::this_thread::yield();
@@ -189,6 +192,8 @@ TEST(BackgroundQueueTest, BusyBackgroundPoolLeavesRequestThreadsFreeAndRunsNiced
   auto future = onQueue.get_future();
   ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   EXPECT_TRUE(future.get());
+  // The blockers use this frame's lock: wait until they have let go of it.
+  while (finished.load() < int(backgroundThreads)) std::this_thread::yield();
 }
 
 }  // namespace

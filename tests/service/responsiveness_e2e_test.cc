@@ -49,6 +49,8 @@ void makeZoteroLibrary(const std::string& folder, int items) {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitizedBuild = true;
+#elif defined(__has_feature)
+constexpr bool kSanitizedBuild = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
 #else
 constexpr bool kSanitizedBuild = false;
 #endif
