@@ -11,7 +11,7 @@ SANITIZE_BUILD ?= build-sanitize
 TSAN_BUILD ?= build-tsan
 FUZZ_SECONDS ?= 60
 # The tests whose subject is work on several threads at once.
-TSAN_TESTS ?= common_tests|service_tests|zotero_tests|fileindex_tests|service_e2e_tests|service_load_e2e_tests
+TSAN_TESTS ?= common_tests|service_tests|zotero_tests|fileindex_tests|fsevents_tests|service_e2e_tests|service_load_e2e_tests
 
 .PHONY: run test build setup clean sanitize fuzz tsan
 

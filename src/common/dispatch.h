@@ -22,6 +22,10 @@
 //    walks, sweeps, file-event upkeep, content extraction, one-time table
 //    set-ups and the Zotero reads run here, on the pool itself or on serial
 //    queues made with QualityOfService::background:
+//      "com.quorvi.fsevents"           the file-events service: events, watches,
+//                                      sweeps, its journal (its inotify reader
+//                                      is a thread of its own that only waits
+//                                      for events)
 //      "com.quorvi.fsevent"            the file index's record mutations
 //      "com.quorvi.fsevent.operation"  the file index's change operations
 //      "com.quorvi.fsappevent", "com.quorvi.fsappevent.operation"
