@@ -39,7 +39,7 @@ fuzz: setup
 tsan: setup
 	@cmake -S . -B $(TSAN_BUILD) -G Ninja -DQUORVI_TSAN=ON >/dev/null
 	@cmake --build $(TSAN_BUILD) -j2 --target quorvifind $(subst |, ,$(TSAN_TESTS)) -- --quiet
-	@cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest --output-on-failure -j2 -R '^($(TSAN_TESTS))$$'
+	@cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(abspath tests/tsan-suppressions.txt)" ctest --output-on-failure -j2 -R '^($(TSAN_TESTS))$$'
 
 clean:
 	rm -rf $(BUILD) $(SANITIZE_BUILD) $(TSAN_BUILD)

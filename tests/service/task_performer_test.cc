@@ -156,6 +156,10 @@ TEST_F(TaskLocationTest, BothFormsStartTheCompanionWithDefaultSignals) {
     EXPECT_EQ(state.ignored & ~kGlibcInternalSignals, 0u) << form << " ignores signals: " << lines;
     EXPECT_EQ(state.blocked, 0u) << form << " blocks signals: " << lines;
   }
+  // The performer counts its companion out when it ends: not after this frame is gone.
+  for (int i = 0; i < 1000 && performer.detachedTasks() > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(performer.detachedTasks(), 0);
 }
 
 // Long-lived fire-and-forget companions (an editor it opened) are not tasks
