@@ -30,6 +30,7 @@
 //      "com.quorvi.fsevent.operation"  the file index's change operations
 //      "com.quorvi.fsappevent", "com.quorvi.fsappevent.operation"
 //                                      the app index's events and list edits
+//      "com.quorvi.contentindex"       the content index's extraction passes
 //      "com.quorvi.zotero"             Zotero reads, one at a time
 //    concurrentPerform(..., QualityOfService::background) splits such work
 //    over the background pool.
