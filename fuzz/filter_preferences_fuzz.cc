@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -14,11 +15,14 @@
 namespace {
 
 const std::string& scratch() {
-  static const std::string dir = [] {
+  // Never destroyed: the exit handler below still needs it.
+  static const std::string* dir = [] {
     char pattern[] = "/tmp/quorvi-fuzz-filter-XXXXXX";
-    return std::string(::mkdtemp(pattern) ? pattern : "/tmp");
+    auto* path = new std::string(::mkdtemp(pattern) ? pattern : "/tmp/quorvi-fuzz-filter");
+    std::atexit([] { std::filesystem::remove_all(scratch()); });
+    return path;
   }();
-  return dir;
+  return *dir;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -16,14 +17,16 @@
 namespace {
 
 const std::string& scratch() {
-  static const std::string dir = [] {
+  // Never destroyed: the exit handler below still needs it.
+  static const std::string* dir = [] {
     char pattern[] = "/tmp/quorvi-fuzz-zotero-XXXXXX";
-    std::string path = ::mkdtemp(pattern) ? pattern : "/tmp/quorvi-fuzz-zotero";
-    std::filesystem::create_directories(path + "/library");
-    std::filesystem::create_directories(path + "/work");
+    auto* path = new std::string(::mkdtemp(pattern) ? pattern : "/tmp/quorvi-fuzz-zotero");
+    std::filesystem::create_directories(*path + "/library");
+    std::filesystem::create_directories(*path + "/work");
+    std::atexit([] { std::filesystem::remove_all(scratch()); });
     return path;
   }();
-  return dir;
+  return *dir;
 }
 
 }  // namespace
