@@ -18,6 +18,8 @@ packages=(
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run
   fd-find plocate findutils poppler-utils
+  # fuzzing and the sanitizer build (make sanitize, make fuzz): clang's libFuzzer and sanitizer runtimes
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -76,6 +76,9 @@ struct MainLoop {
   bool stopPending = false;
 };
 
+// Delayed items still waiting for their time (DispatchQueue::armedTimerCount).
+std::atomic<std::size_t> gArmedTimers{0};
+
 MainLoop& mainLoop() {
   static auto* loop = new MainLoop();
   return *loop;
@@ -88,6 +91,32 @@ WorkItem::WorkItem(std::function<void()> body) : body_(std::move(body)) {}
 void WorkItem::perform() {
   if (isCancelled() || !body_) return;
   body_();
+}
+
+void WorkItem::cancel() {
+  cancelled_.store(true, std::memory_order_release);
+  std::function<void()> hook;
+  {
+    std::lock_guard lock(hookMutex_);
+    hook.swap(cancelHook_);
+  }
+  if (hook) hook();
+}
+
+void WorkItem::setCancelHook(std::function<void()> hook) {
+  {
+    std::lock_guard lock(hookMutex_);
+    if (!isCancelled()) {
+      cancelHook_ = std::move(hook);
+      return;
+    }
+  }
+  hook();
+}
+
+void WorkItem::clearCancelHook() {
+  std::lock_guard lock(hookMutex_);
+  cancelHook_ = nullptr;
 }
 
 struct DispatchQueue::Impl {
@@ -174,6 +203,8 @@ void DispatchQueue::stopMain() {
 
 std::size_t DispatchQueue::globalThreadCount() { return poolSize(); }
 
+std::size_t DispatchQueue::armedTimerCount() { return gArmedTimers.load(std::memory_order_relaxed); }
+
 std::size_t DispatchQueue::threadCount(QualityOfService qos) {
   return qos == QualityOfService::background ? backgroundPoolSize() : poolSize();
 }
@@ -189,10 +220,27 @@ void DispatchQueue::asyncAfter(Seconds delay, WorkItemRef item) {
     async(std::move(item));
     return;
   }
-  auto timer = std::make_shared<asio::steady_timer>(
-      impl_->executor, std::chrono::duration_cast<asio::steady_timer::duration>(delay));
-  timer->async_wait([timer, item = std::move(item)](const std::error_code& error) {
+  // The timer lives on a serial executor (the queue itself, or a strand over
+  // the pool for a concurrent queue) so that a cancel, posted there, never
+  // races the timer's own completion.
+  asio::any_io_executor executor =
+      kind_ == Kind::concurrent ? asio::any_io_executor(asio::make_strand(impl_->executor)) : impl_->executor;
+  auto timer = std::make_shared<asio::steady_timer>(executor,
+                                                     std::chrono::duration_cast<asio::steady_timer::duration>(delay));
+  gArmedTimers.fetch_add(1, std::memory_order_relaxed);
+  timer->async_wait([timer, item](const std::error_code& error) {
+    gArmedTimers.fetch_sub(1, std::memory_order_relaxed);
+    item->clearCancelHook();
     if (!error) item->perform();
+  });
+  // Cancelling the item disarms the timer: its completion then runs at once
+  // (as aborted) and releases the item and its body, instead of holding them
+  // until the delay would have passed.
+  std::weak_ptr<asio::steady_timer> weakTimer = timer;
+  item->setCancelHook([weakTimer, executor] {
+    asio::post(executor, [weakTimer] {
+      if (auto timer = weakTimer.lock()) timer->cancel();
+    });
   });
 }
 

@@ -2,28 +2,58 @@
 // queue served by the main thread, delayed cancellable work items, groups and
 // a parallel-for. Everything runs on Asio executors.
 //
-// Where work runs, and why:
-//  - userInitiated (DispatchQueue::global()): the pool that serves requests.
-//    Searches, listings and replies run here; nothing long-running or waiting
-//    for more work may sit on these threads, so a request always finds one.
-//  - background (DispatchQueue::background()): scans, walks, sweeps, file-event
-//    upkeep, content extraction, Zotero reads. Its own threads, at a lower
-//    scheduling priority (nice 10), so a walk that takes every background
-//    thread still leaves the request threads and the cores' first claim to
-//    requests. Serial queues made with QualityOfService::background (the file
-//    index's "com.quorvi.fsevent" and "com.quorvi.fsevent.operation") run on
-//    this pool.
-//  - main (DispatchQueue::main()): scope changes of the file index, the app
-//    scan's start, cache expiry timers; short work only.
-//  - the bus thread (service/) answers quick members from memory and never
-//    runs work from here.
+// Where work runs, and why. The rule behind every line: a request never waits
+// behind work that is not its own, and no thread sleeps holding a place that
+// another request needs.
+//
+//  - The bus thread (service/bus_server) owns the connection. It answers the
+//    quick members from memory (ready flags, descriptions, previews, #12 on an
+//    empty index) and hands everything else on; it never runs work from here
+//    and never waits for a lock that long work holds.
+//  - userInitiated (DispatchQueue::global(), "com.quorvi.global.userInitiated"):
+//    the request pool, 2 x cores threads (at least 6). Searches, directory
+//    listings, process listings, the launch of named tasks, reply encoding.
+//    Work here belongs to one request and ends with its reply; nothing that
+//    waits for more work or for a shared resource sits on these threads.
+//  - background (DispatchQueue::background(), "com.quorvi.global.background"):
+//    one thread per core, at nice 10, so the scheduler gives a request thread
+//    about ten times the share of a background one and a walk that takes every
+//    background thread still leaves the cores' first claim to requests. Scans,
+//    walks, sweeps, file-event upkeep, content extraction, one-time table
+//    set-ups and the Zotero reads run here, on the pool itself or on serial
+//    queues made with QualityOfService::background:
+//      "com.quorvi.fsevents"           the file-events service: events, watches,
+//                                      sweeps, its journal (its inotify reader
+//                                      is a thread of its own that only waits
+//                                      for events)
+//      "com.quorvi.fsevent"            the file index's record mutations
+//      "com.quorvi.fsevent.operation"  the file index's change operations
+//      "com.quorvi.fsappevent", "com.quorvi.fsappevent.operation"
+//                                      the app index's events and list edits
+//      "com.quorvi.contentindex"       the content index's extraction passes
+//      "com.quorvi.zotero"             Zotero reads, one at a time
+//    concurrentPerform(..., QualityOfService::background) splits such work
+//    over the background pool.
+//  - main (DispatchQueue::main(), "com.apple.main-thread"): scope changes of
+//    the file index (they only queue work on "com.quorvi.fsevent"), the app
+//    scan's start, cache expiry timers. Short work only.
+//  - A named task with a reply waits for its process on a thread of its own,
+//    never on a pool thread.
+//
+// Waiting for a shared resource: a request that needs something another
+// request is using (the Zotero working copy, an index under construction) is
+// queued behind it on the resource's serial queue, and the work that finally
+// runs there sends the reply. Nothing parks a pool thread on a lock.
 //
 // Rules of use:
 //  - work posted to one serial queue runs one item at a time, in order;
 //  - the main queue runs only while some thread calls DispatchQueue::runMain();
 //  - sync() on the queue you are already running on runs the work inline;
-//  - work that must wait for a shared resource is queued behind it (a serial
-//    queue), never parked on a pool thread.
+//    sync() from a pool thread onto a busy queue is the one way to break the
+//    rule above, so the service never does it (tools and tests may);
+//  - a delayed work item that is cancelled before it runs releases its timer
+//    at once: cancel-and-reschedule (throttlers, cache expiry) keeps one armed
+//    timer, not one per call.
 #pragma once
 
 #include <atomic>
@@ -42,14 +72,23 @@ namespace quorvi {
 class WorkItem {
  public:
   explicit WorkItem(std::function<void()> body = {});
-  void cancel() { cancelled_.store(true, std::memory_order_release); }
+  // Marks the item cancelled; when it waits for a delay, its timer is
+  // disarmed too (the item and its body are released soon after).
+  void cancel();
   bool isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
   // Runs the body unless the item was cancelled before.
   void perform();
 
  private:
+  friend class DispatchQueue;
+  // Called once on cancel() (at once when already cancelled).
+  void setCancelHook(std::function<void()> hook);
+  void clearCancelHook();
+
   std::atomic<bool> cancelled_{false};
   std::function<void()> body_;
+  std::mutex hookMutex_;
+  std::function<void()> cancelHook_;
 };
 using WorkItemRef = std::shared_ptr<WorkItem>;
 
@@ -79,6 +118,8 @@ class DispatchQueue {
   static std::size_t globalThreadCount();
   // Number of threads in the pool of the given quality of service.
   static std::size_t threadCount(QualityOfService qos);
+  // Delayed items whose timer is still armed, process-wide (diagnostics).
+  static std::size_t armedTimerCount();
 
   ~DispatchQueue();
   DispatchQueue(const DispatchQueue&) = delete;

@@ -1,12 +1,12 @@
 #include "common/language.h"
 
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 
 #include "common/json.h"
 #include "common/settings.h"
 #include "platform/paths.h"
+#include "platform/safe_file.h"
 
 namespace quorvi {
 
@@ -22,11 +22,9 @@ const char* rawValue(SupportedLanguage language) {
 namespace {
 
 bool loadTable(const std::string& path, std::map<std::string, std::string>& table) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::stringstream text;
-  text << in.rdbuf();
-  Json json = Json::parse(text.str(), nullptr, false);
+  auto text = readRegularFile(path, kResourceFileCap);
+  if (!text) return false;
+  Json json = Json::parse(*text, nullptr, false);
   if (!json.is_object()) return false;
   for (auto& [key, value] : json.items()) {
     if (value.is_string()) table[key] = value.get<std::string>();

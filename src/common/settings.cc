@@ -1,11 +1,10 @@
 #include "common/settings.h"
 
-#include <fstream>
 #include <mutex>
-#include <sstream>
 
 #include "platform/atomic_file.h"
 #include "platform/paths.h"
+#include "platform/safe_file.h"
 
 namespace quorvi {
 
@@ -19,11 +18,11 @@ Settings::Settings(std::string path) : path_(std::move(path)) {}
 std::string Settings::defaultPath() { return xdgConfigHome() + "/quorvi/settings.json"; }
 
 Json Settings::load() const {
-  std::ifstream in(path_, std::ios::binary);
-  if (!in) return Json::object();
-  std::stringstream text;
-  text << in.rdbuf();
-  Json json = Json::parse(text.str(), nullptr, /*allow_exceptions=*/false);
+  // Shared with the launcher and editable by hand: opened as any file found
+  // on disk (a FIFO in its place must not block, nor a huge file exhaust us).
+  auto text = readRegularFile(path_, kSmallTextFileCap);
+  if (!text) return Json::object();
+  Json json = Json::parse(*text, nullptr, /*allow_exceptions=*/false);
   // A damaged file reads as empty settings; it is never a reason to fail.
   return json.is_object() ? json : Json::object();
 }

@@ -1,12 +1,11 @@
 #include "pinyin/polyphone_table.h"
 
-#include <fstream>
-#include <iterator>
 
 #include <nlohmann/json.hpp>
 
 #include "pinyin/utf8_text.h"
 #include "platform/paths.h"
+#include "platform/safe_file.h"
 
 namespace quorvi {
 
@@ -62,11 +61,10 @@ PolyphoneTableReading parsePolyphoneTable(std::string_view text) {
 }
 
 PolyphoneTableReading readPolyphoneTable(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return rejected("cannot open " + path);
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) return rejected("cannot read " + path);
-  return parsePolyphoneTable(text);
+  SafeFileFailure failure = SafeFileFailure::none;
+  auto text = readRegularFile(path, kResourceFileCap, &failure);
+  if (!text) return rejected("cannot read " + path + ": " + describe(failure));
+  return parsePolyphoneTable(*text);
 }
 
 std::string defaultPolyphoneTablePath() {

@@ -41,6 +41,29 @@ std::vector<char*> makeArgv(const std::string& executable, const std::vector<std
   return argv;
 }
 
+// Spawn attributes that give the child a clean start whatever this process
+// did to its signals: every signal at its default action (the service
+// ignores SIGPIPE, and ignored signals survive exec) and nothing blocked
+// (a pool thread's mask would otherwise be inherited).
+class CleanSignals {
+ public:
+  CleanSignals() {
+    posix_spawnattr_init(&attributes_);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigdefault(&attributes_, &all);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  }
+  ~CleanSignals() { posix_spawnattr_destroy(&attributes_); }
+  const posix_spawnattr_t* get() const { return &attributes_; }
+
+ private:
+  posix_spawnattr_t attributes_;
+};
+
 int decodeStatus(int status) {
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
@@ -93,24 +116,11 @@ ProcessResult runProcess(const std::string& executable, const std::vector<std::s
   } else {
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   }
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  // The child starts with default signal handling whatever this process set.
-  sigset_t defaults;
-  sigemptyset(&defaults);
-  sigaddset(&defaults, SIGPIPE);
-  sigaddset(&defaults, SIGCHLD);
-  posix_spawnattr_setsigdefault(&attributes, &defaults);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-
+  CleanSignals attributes;
   auto argv = makeArgv(executable, arguments);
   pid_t pid = -1;
-  int spawnError = ::posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ);
+  int spawnError = ::posix_spawn(&pid, executable.c_str(), &actions, attributes.get(), argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
   out.closeWrite();
   err.closeWrite();
   if (spawnError != 0) return result;
@@ -133,9 +143,10 @@ bool launchDetached(const std::string& executable, const std::vector<std::string
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  CleanSignals attributes;
   auto argv = makeArgv(executable, arguments);
   pid_t pid = -1;
-  int spawnError = ::posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), environ);
+  int spawnError = ::posix_spawn(&pid, executable.c_str(), &actions, attributes.get(), argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (spawnError != 0) return false;
   std::thread([pid, onExit = std::move(onExit)] {

@@ -1,6 +1,8 @@
 // Runs an external program with posix_spawn: no shell unless the caller runs
 // /bin/sh itself, standard output and error captured through pipes, a time
 // limit after which the child is killed, and a cap on how much output is kept.
+// Every child starts with all signals at their default action and none
+// blocked, whatever the service set for itself (it ignores SIGPIPE).
 #pragma once
 
 #include <chrono>

@@ -90,4 +90,67 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
   return bytes;
 }
 
+bool copyRegularFile(const std::string& from, const std::string& to, std::size_t maxBytes, SafeFileFailure* failure) {
+  int in = openRegularFile(from, failure);
+  if (in < 0) return false;
+  struct stat info;
+  if (::fstat(in, &info) == 0 && static_cast<unsigned long long>(info.st_size) > maxBytes) {
+    ::close(in);
+    report(failure, SafeFileFailure::tooLarge);
+    return false;
+  }
+  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (out < 0) {
+    ::close(in);
+    report(failure, SafeFileFailure::unreadable);
+    return false;
+  }
+  SafeFileFailure result = SafeFileFailure::none;
+  std::size_t copied = 0;
+  char buffer[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(in, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      result = SafeFileFailure::unreadable;
+      break;
+    }
+    if (n == 0) break;
+    copied += static_cast<std::size_t>(n);
+    if (copied > maxBytes) {  // it grew while we copied
+      result = SafeFileFailure::tooLarge;
+      break;
+    }
+    for (ssize_t written = 0; written < n;) {
+      ssize_t w = ::write(out, buffer + written, static_cast<std::size_t>(n - written));
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) {
+        result = SafeFileFailure::unreadable;
+        break;
+      }
+      written += w;
+    }
+    if (result != SafeFileFailure::none) break;
+  }
+  ::close(in);
+  if (::close(out) != 0 && result == SafeFileFailure::none) result = SafeFileFailure::unreadable;
+  if (result != SafeFileFailure::none) {
+    ::unlink(to.c_str());
+    report(failure, result);
+    return false;
+  }
+  return true;
+}
+
+const char* describe(SafeFileFailure failure) {
+  switch (failure) {
+    case SafeFileFailure::none: return "";
+    case SafeFileFailure::missing: return "No such file or directory";
+    case SafeFileFailure::notRegular: return "Not a regular file";
+    case SafeFileFailure::tooLarge: return "File too large";
+    case SafeFileFailure::unreadable: return "Cannot read the file";
+  }
+  return "";
+}
+
 }  // namespace quorvi

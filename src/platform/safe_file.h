@@ -29,7 +29,18 @@ int openRegularFile(const std::string& path, SafeFileFailure* failure = nullptr)
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes,
                                            SafeFileFailure* failure = nullptr);
 
+// Copies a regular file of at most maxBytes bytes to `to` (created or
+// replaced, mode 0600). False with `failure` set otherwise; a partial copy is
+// removed.
+bool copyRegularFile(const std::string& from, const std::string& to, std::size_t maxBytes,
+                     SafeFileFailure* failure = nullptr);
+
+// A short English text for a failure ("Not a regular file", ...).
+const char* describe(SafeFileFailure failure);
+
 // Caps used across the service for files read whole.
 inline constexpr std::size_t kSmallTextFileCap = 4u << 20;  // settings, preferences, desktop entries
+inline constexpr std::size_t kResourceFileCap = 32u << 20;  // tables shipped with the service
+inline constexpr std::size_t kDatabaseCopyCap = std::size_t(4) << 30;  // databases copied before reading
 
 }  // namespace quorvi

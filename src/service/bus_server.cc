@@ -16,15 +16,19 @@
 #include <unordered_map>
 
 #include "common/dispatch.h"
+#include "common/memory_release.h"
 #include "common/notification_center.h"
 #include "service/bus_values.h"
 #include "service/members.h"
+#include "service/request_bounds.h"
 #include "service/service_provider.h"
 
 namespace quorvi {
 
 namespace {
 int onMethodCall(sd_bus_message* message, void* userdata, sd_bus_error* error);
+// Replies at least this big are followed by a release of freed memory.
+constexpr std::size_t kLargeReplyBytes = std::size_t(4) << 20;
 }
 
 struct BusServer::Impl {
@@ -129,6 +133,12 @@ void sendReply(BusServer::Impl& server, sd_bus_message* call, const MemberInfo& 
   sd_bus_message_unref(reply);
 }
 
+std::size_t byteSize(const std::vector<ReplyValue>& values) {
+  std::size_t size = 0;
+  for (const auto& value : values) size += value.size();
+  return size;
+}
+
 void dispatch(const MemberInfo& info, CallArguments arguments, Reply reply) {
   auto& provider = ServiceProvider::shared();
   auto& a = arguments;
@@ -180,9 +190,16 @@ int onMethodCall(sd_bus_message* message, void* userdata, sd_bus_error* error) {
   if (r < 0) return sd_bus_error_set_errno(error, r);
 
   const bool expectsReply = sd_bus_message_get_expect_reply(message) > 0;
+  // Past the bounds a request gets the member's failure answer here, before
+  // any component or thread is involved.
+  auto refused = applyRequestBounds(*info, arguments);
   if (info->runs == MemberRuns::Ack) {
     if (expectsReply) sd_bus_reply_method_return(message, "");
-    dispatch(*info, std::move(arguments), Reply());
+    if (!refused) dispatch(*info, std::move(arguments), Reply());
+    return 1;
+  }
+  if (refused) {
+    if (expectsReply) sendReply(server, message, *info, *refused);
     return 1;
   }
 
@@ -191,11 +208,16 @@ int onMethodCall(sd_bus_message* message, void* userdata, sd_bus_error* error) {
       [&server, call, info](std::vector<ReplyValue> values) {
         server.perform([&server, call, info, values = std::move(values)] {
           sendReply(server, call.get(), *info, values);
+          // A big reply leaves big free blocks behind (its data here, its
+          // records on the worker that built it): hand them back to the
+          // system soon; after any work, once the service is quiet.
+          if (byteSize(values) >= kLargeReplyBytes) releaseFreedMemorySoon();
+          releaseFreedMemoryWhenQuiet();
         });
       },
       expectsReply);
 
-  if (info->runs == MemberRuns::Quick) {
+  if (info->runs == MemberRuns::Quick || info->runs == MemberRuns::Queued) {
     dispatch(*info, std::move(arguments), std::move(reply));
   } else {
     DispatchQueue::global().async(
@@ -267,7 +289,10 @@ bool BusServer::start(std::string* error) {
   for (const char* name : {kFileIndexStateDidChange, kAppIndexerStateDidChange}) {
     std::string member = std::string(name).substr(std::strlen("com.quorvi."));
     impl_->observerTokens.push_back(NotificationCenter::shared().addObserver(
-        name, [impl, member](const std::string&) { impl->emitSignal(member); }));
+        name, [impl, member](const std::string&) {
+          impl->emitSignal(member);
+          releaseFreedMemoryWhenQuiet();  // a scan or an app-index update just ended or began
+        }));
   }
   return true;
 }

@@ -153,11 +153,12 @@ int appendReplyValues(sd_bus_message* reply, std::string_view outSignature, cons
       case ReplyValue::Type::optionalBytes: {
         // Past the bus's array limit the daemon would drop our whole
         // connection; such a reply is answered as nil instead.
-        bool present = v.value && v.value->size() <= kMaxReplyArrayBytes;
+        const std::string* bytes = v.text();
+        bool present = bytes && bytes->size() <= kMaxReplyArrayBytes;
         int b = present;
         r = sd_bus_message_append_basic(reply, 'b', &b);
         if (r >= 0) {
-          r = present ? sd_bus_message_append_array(reply, 'y', v.value->data(), v.value->size())
+          r = present ? sd_bus_message_append_array(reply, 'y', bytes->data(), bytes->size())
                       : sd_bus_message_append_array(reply, 'y', nullptr, 0);
         }
         break;

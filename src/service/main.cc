@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/dispatch.h"
+#include "common/memory_release.h"
 #include "contentindex/content_indexer.h"
 #include "service/bus_server.h"
 #include "service/members.h"
@@ -57,6 +58,7 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
+  quorvi::limitAllocatorArenas();
   ::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 

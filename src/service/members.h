@@ -17,7 +17,7 @@ inline constexpr const char* kSignalInterfaceName = "com.quorvi";
 // Arrays on the bus are at most 64 MiB; a larger reply is answered as nil.
 inline constexpr std::size_t kMaxReplyArrayBytes = std::size_t(64) << 20;
 
-enum class MemberRuns { Quick, Worker, Ack };
+enum class MemberRuns { Quick, Worker, Queued, Ack };
 
 struct MemberInfo {
   int number;

@@ -1,13 +1,16 @@
 // File index operations (#5–#19): the glue between the bus and FileIndexer.
 //  - #7–#9 change scopes on the main queue (at once when already there);
 //  - #10, #15, #19 are quick: answered on the calling (bus) thread from memory;
-//  - #12–#14, #16–#18 are called on a worker and search there.
+//  - #12 is called on the bus thread: nil at once for an empty index, else
+//    the search is queued on the request pool;
+//  - #13, #14, #16–#18 are called on a worker and search there.
 // Nothing here throws across the boundary: a failure answers nil or false.
 #include <exception>
 
 #include "common/dispatch.h"
 #include "contentindex/content_indexer.h"
 #include "fileindex/file_indexer.h"
+#include "service/members.h"
 #include "service/service_provider.h"
 
 namespace quorvi {
@@ -24,15 +27,27 @@ void onMain(std::function<void()> work) {
   }
 }
 
-// The JSON array of FileBridge records, or nil when there is none.
+// The JSON array of FileBridge records, or nil when there is none. Written
+// record by record (the same bytes as one document), so no document of the
+// whole array is held, and given up as nil as soon as it passes what one
+// reply can carry.
 void sendFiles(const Reply& reply, const std::vector<File>& files) {
   if (files.empty()) {
     reply.sendData(std::nullopt);
     return;
   }
-  Json array = Json::array();
-  for (const auto& file : files) array.push_back(FileBridge::from(file).toJson());
-  reply.sendJson(array);
+  Bytes array = "[";
+  for (const auto& file : files) {
+    OptionalBytes record = encodeJson(FileBridge::from(file).toJson());
+    if (!record || array.size() + record->size() + 1 > kMaxReplyArrayBytes) {
+      reply.sendData(std::nullopt);
+      return;
+    }
+    if (array.size() > 1) array += ',';
+    array += *record;
+  }
+  array += ']';
+  reply.sendData(std::move(array));
 }
 
 template <typename Work>
@@ -74,7 +89,9 @@ void ServiceProvider::searchFilesWithQuery(std::string query, int64_t maxcount, 
     reply.sendData(std::nullopt);
     return;
   }
-  answering(reply, [&] { sendFiles(reply, indexer().searchFiles(query, maxcount)); });
+  DispatchQueue::global().async([query = std::move(query), maxcount, reply = std::move(reply)] {
+    answering(reply, [&] { sendFiles(reply, indexer().searchFiles(query, maxcount)); });
+  });
 }
 
 void ServiceProvider::searchFilesIn(std::string directory, std::string query, int64_t maxcount, Reply reply) {

@@ -1,14 +1,23 @@
 // Zotero operations (#28, #29), answered by the shared ZoteroIndexer.
+#include "service/members.h"
+#include "service/request_bounds.h"
 #include "service/service_provider.h"
 #include "zotero/zotero_indexer.h"
 
 namespace quorvi {
 
-// Runs on a worker: copies and reads the database (or reuses the cache).
-// Replies with the groups' JSON and no text, or no data and the failure text.
+// Called on the bus thread: the request is queued behind the reads before it
+// ("com.quorvi.zotero") and answered from there, with the groups' JSON and no
+// text, or no data and the failure text. A library whose answer would not fit
+// one reply fails with a text of its own rather than a bare nil.
 void ServiceProvider::indexZoteroAt(std::string folder, bool useCacheIfAvailable, Reply reply) {
-  auto answer = ZoteroIndexer::shared().index(folder, useCacheIfAvailable);
-  reply.sendDataAndString(std::move(answer.data), std::move(answer.failure));
+  ZoteroIndexer::shared().index(folder, useCacheIfAvailable, [reply](ZoteroIndexer::IndexAnswer answer) {
+    if (answer.data && answer.data->size() > kMaxReplyArrayBytes) {
+      reply.sendDataAndString(std::nullopt, std::string(kZoteroLibraryTooLarge));
+      return;
+    }
+    reply.sendSharedDataAndString(std::move(answer.data), std::move(answer.failure));
+  });
 }
 
 // Quick: answered from the cached index, never from the database.

@@ -22,6 +22,10 @@ void Reply::sendDataAndString(OptionalBytes data, OptionalString text) const {
   send({ReplyValue::ofBytes(std::move(data)), ReplyValue::ofString(std::move(text))});
 }
 
+void Reply::sendSharedDataAndString(std::shared_ptr<const Bytes> data, OptionalString text) const {
+  send({ReplyValue::ofSharedBytes(std::move(data)), ReplyValue::ofString(std::move(text))});
+}
+
 void Reply::sendStringAndData(OptionalString text, OptionalBytes data) const {
   send({ReplyValue::ofString(std::move(text)), ReplyValue::ofBytes(std::move(data))});
 }

@@ -26,13 +26,23 @@ struct ReplyValue {
   bool flag = false;
   int64_t integer = 0;
   std::optional<std::string> value;  // bytes or text; nullopt is nil
+  // Bytes shared with their owner (a cache), sent without a copy; when set,
+  // they are the value.
+  std::shared_ptr<const std::string> shared;
 
-  static ReplyValue ofFlag(bool f) { return {Type::flag, f, 0, std::nullopt}; }
-  static ReplyValue ofInteger(int64_t i) { return {Type::integer, false, i, std::nullopt}; }
-  static ReplyValue ofBytes(OptionalBytes b) { return {Type::optionalBytes, false, 0, std::move(b)}; }
-  static ReplyValue ofString(std::optional<std::string> s) {
-    return {Type::optionalString, false, 0, std::move(s)};
+  static ReplyValue ofFlag(bool f) { return {Type::flag, f, 0, std::nullopt, nullptr}; }
+  static ReplyValue ofInteger(int64_t i) { return {Type::integer, false, i, std::nullopt, nullptr}; }
+  static ReplyValue ofBytes(OptionalBytes b) { return {Type::optionalBytes, false, 0, std::move(b), nullptr}; }
+  // Nil when b is null.
+  static ReplyValue ofSharedBytes(std::shared_ptr<const Bytes> b) {
+    return {Type::optionalBytes, false, 0, std::nullopt, std::move(b)};
   }
+  static ReplyValue ofString(std::optional<std::string> s) {
+    return {Type::optionalString, false, 0, std::move(s), nullptr};
+  }
+  // The bytes or text; nullptr for nil (and for flags and integers).
+  const std::string* text() const { return shared ? shared.get() : value ? &*value : nullptr; }
+  std::size_t size() const { return text() ? text()->size() : 0; }
 };
 
 class Reply {
@@ -50,6 +60,8 @@ class Reply {
   void sendFlag(bool flag) const;
   // "b ay b s": data with a text beside it (an echo or an error text).
   void sendDataAndString(OptionalBytes data, OptionalString text) const;
+  // The same with data shared with its owner (nil when null).
+  void sendSharedDataAndString(std::shared_ptr<const Bytes> data, OptionalString text) const;
   // "b s b ay"
   void sendStringAndData(OptionalString text, OptionalBytes data) const;
   // "b s b ay x"

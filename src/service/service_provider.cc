@@ -24,8 +24,12 @@ void ServiceProvider::exportEventLogsTo(std::string destination) {
   });
 }
 
+// Acknowledged on the bus thread; the launch (and, the first time, finding
+// the companion on disk) happens on a request thread.
 void ServiceProvider::performQuorviTask(std::string name, Strings arguments) {
-  QuorviTaskPerformer::shared().perform(name, arguments);
+  DispatchQueue::global().async([name = std::move(name), arguments = std::move(arguments)] {
+    QuorviTaskPerformer::shared().perform(name, arguments);
+  });
 }
 
 void ServiceProvider::performQuorviTaskWithReply(std::string name, Strings arguments, Reply reply) {

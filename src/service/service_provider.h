@@ -2,10 +2,12 @@
 // and routes each of the 33 operations to the component that owns it; the
 // components are process-wide shared instances made lazily on first use.
 //
-// Threading: the transport calls the "quick" operations (see members.def) on
-// the bus thread, so they must answer at once from memory; every other
-// operation is called on a worker of the global pool and may block briefly.
-// Operations without a reply have already been acknowledged when called.
+// Threading: the transport calls the "quick" and "queued" operations (see
+// members.def) on the bus thread, so they must answer at once from memory or
+// queue their work; every other operation is called on a worker of the
+// global pool and may block briefly. Operations without a reply have already
+// been acknowledged when called (on the bus thread too: they hand their work
+// on). Requests past the bounds of request_bounds.h never get here.
 //
 // The operations are implemented in one file per subsystem:
 //   service_provider.cc  frame: #1, #20, #26, #31, #32

@@ -2,13 +2,13 @@
 
 #include <climits>
 #include <cstdlib>
-#include <fstream>
+#include <sstream>
 #include <thread>
 
-#include "common/dispatch.h"
 #include "common/settings.h"
 #include "platform/paths.h"
 #include "platform/process_runner.h"
+#include "platform/safe_file.h"
 #include "service/members.h"
 
 namespace quorvi {
@@ -58,8 +58,10 @@ QuorviTaskPerformer::QuorviTaskPerformer(std::optional<std::string> executablePa
     : executableURL_(std::move(executablePath)) {}
 
 std::optional<std::string> QuorviTaskPerformer::programOfDesktopEntry(const std::string& desktopFile) {
-  std::ifstream in(desktopFile);
-  if (!in) return std::nullopt;
+  // Found on disk: a FIFO or device named like the entry must not block us.
+  auto text = readRegularFile(desktopFile, kSmallTextFileCap);
+  if (!text) return std::nullopt;
+  std::istringstream in(*text);
   bool inMainGroup = false;
   for (std::string line; std::getline(in, line);) {
     if (line.starts_with("[")) {
@@ -93,9 +95,9 @@ std::optional<std::string> QuorviTaskPerformer::locateExecutable(const Settings&
   return std::nullopt;
 }
 
-bool QuorviTaskPerformer::reserveSlot() {
-  if (running_.fetch_add(1) >= kMaxRunningTasks) {
-    running_.fetch_sub(1);
+bool QuorviTaskPerformer::reserveSlot(std::atomic<int>& counter, int limit) {
+  if (counter.fetch_add(1) >= limit) {
+    counter.fetch_sub(1);
     return false;
   }
   return true;
@@ -106,16 +108,16 @@ void QuorviTaskPerformer::perform(std::string_view name, const std::vector<std::
   if (!task || !executableURL_) return;
   std::vector<std::string> argv{rawValue(*task)};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  DispatchQueue::global().async([this, argv = std::move(argv)] {
-    if (!reserveSlot()) return;
-    if (!launchDetached(*executableURL_, argv, [this] { running_.fetch_sub(1); })) running_.fetch_sub(1);
-  });
+  // Counted apart from the tasks with a reply: a companion left running by a
+  // fire-and-forget task must never take a place that a reply waits for.
+  if (!reserveSlot(detached_, kMaxDetachedTasks)) return;
+  if (!launchDetached(*executableURL_, argv, [this] { detached_.fetch_sub(1); })) detached_.fetch_sub(1);
 }
 
 void QuorviTaskPerformer::performWithReply(std::string_view name, const std::vector<std::string>& arguments,
                                            std::function<void(OptionalBytes)> done) {
   auto task = parseQuorviTask(name);
-  if (!task || !executableURL_ || !reserveSlot()) {
+  if (!task || !executableURL_ || !reserveSlot(running_, kMaxRunningTasks)) {
     done(std::nullopt);
     return;
   }

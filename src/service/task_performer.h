@@ -42,9 +42,13 @@ const char* rawValue(QuorviTask task);
 
 class QuorviTaskPerformer {
  public:
-  // Running tasks beyond this many are refused, so that a flood of calls
-  // cannot exhaust the machine.
+  // Tasks with a reply running beyond this many are refused (answer nil), so
+  // that a flood of calls cannot exhaust the machine.
   static constexpr int kMaxRunningTasks = 64;
+  // Fire-and-forget tasks are counted on their own (they may run for long,
+  // a terminal or an editor the companion opened); beyond this many running,
+  // a new one is ignored.
+  static constexpr int kMaxDetachedTasks = 256;
   // A task with a reply that runs longer is ended and answers nil, so that a
   // hung companion cannot hold a request forever.
   static constexpr std::chrono::seconds kReplyTimeout{120};
@@ -58,7 +62,9 @@ class QuorviTaskPerformer {
 
   const std::optional<std::string>& executableURL() const { return executableURL_; }
 
-  // Fire and forget. Unknown names and a missing executable are ignored.
+  // Fire and forget: starts the task and returns (call it off the bus
+  // thread: the first use finds the executable on disk). Unknown names and a
+  // missing executable are ignored.
   void perform(std::string_view name, const std::vector<std::string>& arguments);
   // Runs the task on a thread of its own and calls done with its standard
   // output (empty bytes when it printed nothing), or nullopt for an unknown
@@ -66,12 +72,15 @@ class QuorviTaskPerformer {
   void performWithReply(std::string_view name, const std::vector<std::string>& arguments,
                         std::function<void(OptionalBytes)> done);
 
+  // Tasks with a reply that are running; fire-and-forget ones still running.
   int runningTasks() const { return running_.load(); }
+  int detachedTasks() const { return detached_.load(); }
 
  private:
-  bool reserveSlot();
+  static bool reserveSlot(std::atomic<int>& counter, int limit);
   std::optional<std::string> executableURL_;
   std::atomic<int> running_{0};
+  std::atomic<int> detached_{0};
 };
 
 }  // namespace quorvi

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "platform/paths.h"
+#include "platform/safe_file.h"
 
 namespace quorvi {
 
@@ -16,20 +17,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool exists(const std::string& path) {
-  std::error_code error;
-  return fs::exists(path, error);
-}
-
 void removeQuietly(const std::string& path) {
   std::error_code error;
   fs::remove(path, error);
 }
 
+// The library's files are opened as files found on disk: a FIFO or a device
+// named like them is refused at once instead of blocking the copy.
 std::optional<std::string> copyFile(const std::string& from, const std::string& to) {
-  std::error_code error;
-  fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
-  if (error) return error.message();
+  SafeFileFailure failure = SafeFileFailure::none;
+  if (!copyRegularFile(from, to, kDatabaseCopyCap, &failure)) return describe(failure);
   return std::nullopt;
 }
 
@@ -73,9 +70,14 @@ std::optional<std::string> makeWorkingCopy(const std::string& databasePath, cons
   if (auto failure = copyFile(databasePath, copyPath)) return failure;
   bool companionCopied = false;
   for (const char* suffix : {"-journal", "-wal"}) {
-    if (!exists(databasePath + suffix)) continue;
-    if (auto failure = copyFile(databasePath + suffix, copyPath + suffix)) return failure;
-    companionCopied = true;
+    // A companion that is not there (or went away as Zotero committed) is
+    // simply absent; any other failure fails the copy.
+    SafeFileFailure failure = SafeFileFailure::none;
+    if (copyRegularFile(databasePath + suffix, copyPath + suffix, kDatabaseCopyCap, &failure)) {
+      companionCopied = true;
+    } else if (failure != SafeFileFailure::missing) {
+      return describe(failure);
+    }
   }
   if (companionCopied || headerSaysWriteAheadLog(copyPath)) settleCopy(copyPath);
   return std::nullopt;

@@ -33,7 +33,7 @@ struct CollectionPath {
 
 // Joins one database's rows. Everything entries share (type names, library
 // names, collection paths and their keyword forms) is worked out first; the
-// items are then joined in chunks on the global pool, each chunk writing its
+// items are then joined in chunks on the background pool, each chunk writing its
 // entries' JSON per library, and the chunks are laid end to end in order.
 class ZoteroIndexBuilder {
  public:
@@ -76,10 +76,15 @@ ZoteroIndexBuilder::ZoteroIndexBuilder(ZoteroDatabase& db, const ZoteroTables& t
   for (const auto& item : db.items) {
     if (!itemTypes_.count(item.itemTypeID)) itemTypes_.emplace(item.itemTypeID, itemTypeText(item.itemTypeID));
   }
-  for (const auto& [id, collection] : db.collections) {
-    std::string path = *pathOf(id);
-    std::string keyword = keywordForm(path);
-    paths_.emplace(id, CollectionPath{std::move(path), std::move(keyword)});
+  // Paths only for the collections that hold items: a library may keep
+  // thousands of empty nested collections, and each path costs its depth.
+  for (const auto& [itemID, membership] : db.collectionItems) {
+    int64_t id = membership.collectionID;
+    if (paths_.count(id)) continue;
+    auto path = pathOf(id);
+    if (!path) continue;
+    std::string keyword = keywordForm(*path);
+    paths_.emplace(id, CollectionPath{std::move(*path), std::move(keyword)});
   }
   ownSlot_ = slotOfLibraryName(kZoteroMyLibrary);
   for (const auto& [libraryID, name] : db.groupNames) slotOfLibraryID_[libraryID] = slotOfLibraryName(name);
@@ -110,20 +115,21 @@ std::string ZoteroIndexBuilder::itemTypeText(int64_t itemTypeID) const {
   return localized != categories_.end() ? localized->second : name;
 }
 
-// A parent missing from the map, or one already on the path (a cycle), ends
-// the path there.
+// A parent missing from the map, one already on the path (a cycle), or one
+// past kMaxZoteroCollectionDepth levels ends the path there. Each step costs
+// its name and one set look-up, so a path costs its length, never more.
 std::optional<std::string> ZoteroIndexBuilder::pathOf(int64_t collectionID) const {
   auto current = db_.collections.find(collectionID);
   if (current == db_.collections.end()) return std::nullopt;
   std::string path = current->second.name;
-  std::vector<int64_t> visited{collectionID};
-  while (current->second.parentID != 0 && current->second.parentID != current->second.collectionID) {
+  std::unordered_set<int64_t> visited{collectionID};
+  for (std::size_t depth = 1; depth < kMaxZoteroCollectionDepth; ++depth) {
     int64_t parentID = current->second.parentID;
-    if (std::find(visited.begin(), visited.end(), parentID) != visited.end()) break;
+    if (parentID == 0 || !visited.insert(parentID).second) break;
     auto parent = db_.collections.find(parentID);
     if (parent == db_.collections.end()) break;
-    path += "/" + parent->second.name;
-    visited.push_back(parentID);
+    path += '/';
+    path += parent->second.name;
     current = parent;
   }
   return path;
@@ -197,7 +203,7 @@ ZoteroIndex ZoteroIndexBuilder::build() {
   if (chunkCount == 1) {
     work(0);
   } else {
-    concurrentPerform(chunkCount, work);
+    concurrentPerform(chunkCount, work, QualityOfService::background);
   }
   return assemble(chunks);
 }

@@ -18,6 +18,10 @@ namespace quorvi {
 
 // The own library's name, for the client to localise.
 inline constexpr const char* kZoteroMyLibrary = "ZOTERO_MY_LIBRARY";
+// A collection path names at most this many levels (the item's own collection
+// and its nearest ancestors); a deeper chain is cut there, so that a damaged
+// or hostile library cannot make every path as long as the whole chain.
+inline constexpr std::size_t kMaxZoteroCollectionDepth = 64;
 
 struct ZoteroAttribute {
   std::string field;  // "ZOTERO_FIELD_..." key, or the raw field name

@@ -60,6 +60,46 @@ TEST(DispatchQueueTest, CancelledDelayedItemNeverRuns) {
   EXPECT_EQ(runs, 1);
 }
 
+// Waits (up to 5 s) until the condition holds.
+template <typename Condition>
+bool eventually(Condition condition) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// Cancel-and-reschedule (a cache expiry, a throttler) must not pile up armed
+// timers that hold their work, and what the work captured, for an hour.
+TEST(DispatchQueueTest, CancellingADelayedItemReleasesItsTimerAndWork) {
+  auto serial = DispatchQueue::makeSerial("com.quorvi.test.timers");
+  auto background = DispatchQueue::makeSerial("com.quorvi.test.timers.bg", QualityOfService::background);
+  std::thread mainThread([] { DispatchQueue::runMain(); });
+  for (DispatchQueue* queue : {serial.get(), background.get(), &DispatchQueue::global(), &DispatchQueue::main()}) {
+    const std::size_t armedBefore = DispatchQueue::armedTimerCount();
+    auto captured = std::make_shared<int>(0);
+    for (int i = 0; i < 500; ++i) {
+      auto item = queue->asyncAfter(DispatchQueue::Seconds(3600), [captured] { (*captured)++; });
+      item->cancel();
+    }
+    EXPECT_TRUE(eventually([&] { return DispatchQueue::armedTimerCount() <= armedBefore; }))
+        << queue->label() << ": " << DispatchQueue::armedTimerCount() - armedBefore << " timers still armed";
+    EXPECT_TRUE(eventually([&] { return captured.use_count() == 1; }))
+        << queue->label() << ": cancelled work still held " << captured.use_count() - 1 << " times";
+    EXPECT_EQ(*captured, 0);
+  }
+  // An item cancelled after its timer fired changes nothing; one not
+  // cancelled still runs after its delay.
+  std::promise<void> ran;
+  auto item = serial->asyncAfter(DispatchQueue::Seconds(0.01), [&] { ran.set_value(); });
+  ASSERT_EQ(ran.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  item->cancel();
+  DispatchQueue::stopMain();
+  mainThread.join();
+}
+
 TEST(DispatchQueueTest, MainQueueRunsOnTheThreadThatServesIt) {
   std::promise<std::thread::id> ranOn;
   std::thread mainThread([] { DispatchQueue::runMain(); });
@@ -118,15 +158,18 @@ TEST(BackgroundQueueTest, BusyBackgroundPoolLeavesRequestThreadsFreeAndRunsNiced
   std::mutex mutex;
   std::condition_variable released;
   bool release = false;
-  std::atomic<int> started{0};
+  std::atomic<int> started{0}, finished{0};
   std::atomic<int> niceSeen{-100};
   const std::size_t backgroundThreads = DispatchQueue::threadCount(QualityOfService::background);
   for (std::size_t i = 0; i < backgroundThreads; ++i) {
     DispatchQueue::background().async([&] {
       niceSeen = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
       started++;
-      std::unique_lock lock(mutex);
-      released.wait(lock, [&] { return release; });
+      {
+        std::unique_lock lock(mutex);
+        released.wait(lock, [&] { return release; });
+      }
+      finished++;
     });
   }
   while (started.load() < int(backgroundThreads)) std::this_thread::yield();
@@ -149,6 +192,8 @@ TEST(BackgroundQueueTest, BusyBackgroundPoolLeavesRequestThreadsFreeAndRunsNiced
   auto future = onQueue.get_future();
   ASSERT_EQ(future.wait_for(std::chrono::seconds(5)), std::future_status::ready);
   EXPECT_TRUE(future.get());
+  // The blockers use this frame's lock: wait until they have let go of it.
+  while (finished.load() < int(backgroundThreads)) std::this_thread::yield();
 }
 
 }  // namespace

@@ -87,5 +87,18 @@ TEST(ThrottlerTest, WorkStillRunsWhenTheThrottlerIsGone) {
   EXPECT_TRUE(log.waitFor(1, std::chrono::seconds(3)));
 }
 
+// Each throttle cancels the pending run: a burst leaves one armed timer.
+TEST(ThrottlerTest, BurstKeepsOneArmedTimer) {
+  auto queue = DispatchQueue::makeSerial("com.quorvi.test.throttler.timers");
+  auto throttler = Throttler::make(DelayPolicy::always, queue, 3600.0);
+  const std::size_t armedBefore = DispatchQueue::armedTimerCount();
+  for (int i = 0; i < 1000; ++i) throttler->throttle([] {});
+  auto deadline = Clock::now() + std::chrono::seconds(5);
+  while (DispatchQueue::armedTimerCount() > armedBefore + 1 && Clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  // (Timers of earlier tests may expire meanwhile: at most, not exactly.)
+  EXPECT_LE(DispatchQueue::armedTimerCount(), armedBefore + 1);
+}
+
 }  // namespace
 }  // namespace quorvi

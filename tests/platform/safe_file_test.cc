@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -81,6 +82,52 @@ TEST_F(SafeFileTest, MissingFilesAreToldApart) {
   EXPECT_EQ(failure, SafeFileFailure::missing);
   EXPECT_EQ(openRegularFile(dir_ + "/none/deeper", &failure), -1);
   EXPECT_EQ(failure, SafeFileFailure::missing);
+}
+
+// A huge file is refused by its size, before a byte is read: a sparse file
+// of 16 GB would otherwise take minutes and all memory.
+TEST_F(SafeFileTest, HugeFilesAreRefusedByTheirSize) {
+  std::string path = dir_ + "/huge.json";
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, off_t(16) << 30), 0);
+  ::close(fd);
+  SafeFileFailure failure = SafeFileFailure::none;
+  EXPECT_FALSE(readRegularFile(path, kSmallTextFileCap, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::tooLarge);
+  EXPECT_FALSE(copyRegularFile(path, dir_ + "/copy", std::size_t(1) << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::tooLarge);
+  EXPECT_FALSE(std::filesystem::exists(dir_ + "/copy"));
+}
+
+TEST_F(SafeFileTest, CopiesOnlyRegularFilesAndLeavesNoPartialCopy) {
+  std::string bytes(300000, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7);
+  std::string from = write("zotero.sqlite", bytes);
+  SafeFileFailure failure = SafeFileFailure::unreadable;
+  ASSERT_TRUE(copyRegularFile(from, dir_ + "/copy.sqlite", 1 << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::none);
+  EXPECT_EQ(readRegularFile(dir_ + "/copy.sqlite", 1 << 20), bytes);
+  EXPECT_EQ(std::filesystem::status(dir_ + "/copy.sqlite").permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  // Copying again replaces the copy.
+  write("zotero.sqlite", "short");
+  ASSERT_TRUE(copyRegularFile(from, dir_ + "/copy.sqlite", 1 << 20));
+  EXPECT_EQ(readRegularFile(dir_ + "/copy.sqlite", 1 << 20), "short");
+
+  std::string fifo = dir_ + "/zotero.sqlite-journal";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(copyRegularFile(fifo, dir_ + "/copy.sqlite-journal", 1 << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::notRegular);
+  EXPECT_STREQ(describe(failure), "Not a regular file");
+  EXPECT_FALSE(copyRegularFile("/dev/zero", dir_ + "/zero", 1 << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::notRegular);
+  EXPECT_FALSE(copyRegularFile(dir_ + "/none", dir_ + "/copy", 1 << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::missing);
+  EXPECT_FALSE(copyRegularFile(from, dir_ + "/no/such/folder/copy", 1 << 20, &failure));
+  EXPECT_EQ(failure, SafeFileFailure::unreadable);
+  EXPECT_FALSE(std::filesystem::exists(dir_ + "/copy.sqlite-journal"));
+  EXPECT_FALSE(std::filesystem::exists(dir_ + "/zero"));
 }
 
 }  // namespace

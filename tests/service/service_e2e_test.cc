@@ -213,10 +213,15 @@ TEST_F(ServiceTest, TasksPassTheirArgumentsAndKeepNilApartFromEmpty) {
 
   // Fire and forget with no arguments: exactly the task name.
   ASSERT_TRUE(call("PerformQuorviTaskArguments", {"openDocuement", ""}).ok);
-  for (int i = 0; i < 300 && helperLaunches().size() < 3; ++i) std::this_thread::sleep_for(10ms);
+  // The companion creates its file before it writes to it: wait for the words.
   std::multiset<std::string> launches;
-  for (auto& l : helperLaunches()) launches.insert(l);
+  for (int i = 0; i < 500 && launches.count("openDocuement\n") == 0; ++i) {
+    std::this_thread::sleep_for(10ms);
+    launches.clear();
+    for (auto& l : helperLaunches()) launches.insert(l);
+  }
   EXPECT_EQ(launches.count("openDocuement\n"), 1u);
+  EXPECT_EQ(launches.size(), 3u);
 }
 
 TEST_F(ServiceTest, LargeRepliesArriveWholeAndOversizedOnesAnswerNil) {

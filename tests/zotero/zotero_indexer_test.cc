@@ -1,7 +1,9 @@
 // The index and its cache, through ZoteroIndexer, on fixture libraries.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <mutex>
 #include <thread>
 
 #include "common/json.h"
@@ -180,6 +182,92 @@ TEST_F(IndexerTest, CyclicAndDanglingParentsEndThePath) {
   EXPECT_EQ(entryTitled(result, "Self")["collectionPath"], "Self");
   EXPECT_EQ(entryTitled(result, "Orphan")["collectionPath"], "Orphan");
   EXPECT_FALSE(entryTitled(result, "Missing").contains("collectionPath"));
+}
+
+// A chain of nested collections, each holding an item: every path stops at
+// the depth bound, and building it costs the paths' length, not the chain's
+// length times itself (a chain of 20,000 took minutes and gigabytes before).
+TEST_F(IndexerTest, DeepCollectionChainsAreCutAtTheDepthBound) {
+  constexpr int kDepth = 20000;
+  ZoteroLibraryFixture library(folder);
+  library.exec("BEGIN;");
+  int64_t parent = 0;
+  std::vector<int64_t> chain;
+  for (int depth = 0; depth < kDepth; ++depth) {
+    parent = library.addCollection("c" + std::to_string(depth), parent);
+    chain.push_back(parent);
+  }
+  for (int depth : {0, 1, int(kMaxZoteroCollectionDepth) - 1, int(kMaxZoteroCollectionDepth), kDepth - 1}) {
+    library.addToCollection(chain[depth], library.addItem("book", {{"title", "at " + std::to_string(depth)}}));
+  }
+  // A cycle closed at the deep end: the walk must stop, not go round.
+  library.exec("UPDATE collections SET parentCollectionID = " + std::to_string(chain.back()) +
+               " WHERE collectionID = " + std::to_string(chain.front()) + ";");
+  library.exec("COMMIT;");
+
+  // The expected path from collection `depth` upwards: kMaxZoteroCollectionDepth
+  // names, going round the cycle from c0 to the deep end.
+  auto expectedPath = [&](int depth) {
+    std::string path;
+    for (std::size_t level = 0; level < kMaxZoteroCollectionDepth; ++level) {
+      if (level) path += '/';
+      path += "c" + std::to_string(depth);
+      depth = depth == 0 ? kDepth - 1 : depth - 1;
+    }
+    return path;
+  };
+  Json result = groups(folder);
+  for (int depth : {0, 1, int(kMaxZoteroCollectionDepth) - 1, int(kMaxZoteroCollectionDepth), kDepth - 1}) {
+    EXPECT_EQ(entryTitled(result, "at " + std::to_string(depth))["collectionPath"], expectedPath(depth)) << depth;
+  }
+}
+
+// Requests waiting while a read runs share the next read (or the cache when
+// they allow it), and none of them leaves an expiry timer behind.
+TEST_F(IndexerTest, WaitingRequestsShareOneReadAndOneExpiryTimer) {
+  ZoteroLibraryFixture library(folder);
+  library.exec("BEGIN;");
+  for (int i = 0; i < 20000; ++i) library.addItem("book", {{"title", "Item " + std::to_string(i)}});
+  library.exec("COMMIT;");
+  TemporaryDirectory other;
+  ZoteroLibraryFixture otherLibrary(other.path());
+  otherLibrary.addItem("book", {{"title", "Other"}});
+
+  const std::size_t armedBefore = DispatchQueue::armedTimerCount();
+  std::mutex mutex;
+  std::vector<std::pair<std::string, ZoteroIndexer::IndexAnswer>> answers;
+  auto record = [&](std::string name) {
+    return [&, name](ZoteroIndexer::IndexAnswer answer) {
+      std::lock_guard lock(mutex);
+      answers.emplace_back(name, std::move(answer));
+    };
+  };
+  // The first request starts a read at once; the rest wait behind it.
+  indexer->index(folder, false, record("first"));
+  for (int i = 0; i < 10; ++i) indexer->index(folder, false, record("fresh"));
+  for (int i = 0; i < 5; ++i) indexer->index(folder, true, record("cached"));
+  indexer->index(other.path(), true, record("other"));
+  for (int i = 0; i < 600; ++i) {
+    {
+      std::lock_guard lock(mutex);
+      if (answers.size() == 17) break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(answers.size(), 17u);
+  EXPECT_EQ(answers.front().first, "first");
+  for (const auto& [name, answer] : answers) {
+    ASSERT_TRUE(answer.data) << name << ": " << answer.failure.value_or("");
+    if (name == "other") continue;
+    EXPECT_EQ(answer.data->size(), answers.front().second.data->size()) << name;
+  }
+  // At most: one for "first", one shared by all that waited for it, one for
+  // the other library. (Had "first" not started before the others came, they
+  // share it too.)
+  EXPECT_LE(indexer->databaseReads(), 3u);
+  EXPECT_GE(indexer->databaseReads(), 2u);
+  EXPECT_LE(DispatchQueue::armedTimerCount(), armedBefore + 1);
 }
 
 // Needs the real pinyin mapper: skipped while the placeholder answers "no Chinese".

@@ -1,0 +1,27 @@
+// Giving freed memory back to the system. The allocator keeps what a large
+// reply, a search or a scan freed, for later use, so a service that once
+// answered a big request or rescanned a big tree would keep its peak size for
+// good. Two moments hand it back: shortly after a big reply, and once the
+// service has been quiet for a while after any work. Each release runs on the
+// background pool, and calls in between are folded into one.
+#pragma once
+
+namespace quorvi {
+
+// After a big reply: a release shortly after.
+void releaseFreedMemorySoon();
+// After any work: a release once no work was noted for a while (cheap to
+// call for every request).
+void releaseFreedMemoryWhenQuiet();
+
+// Runs the release now, on the calling thread (tools and tests).
+void releaseFreedMemory();
+
+// Call once at start, before any thread: fewer allocator arenas (two per
+// core instead of eight). Each thread that allocates otherwise gets an arena
+// of its own, and what one thread frees between another's live blocks stays
+// resident: after 16 clients and a few rescans the service kept 10 MB more
+// than before them with the default, and nothing more with this.
+void limitAllocatorArenas();
+
+}  // namespace quorvi
