@@ -1,6 +1,6 @@
 // One-shot look-ups not built yet: recent files and documents, metadata
-// queries, attribute records, text recognition and contacts. Each answers its
-// empty shape; the texts beside the data echo the request's key.
+// queries and attribute records. Each answers its empty shape; the texts
+// beside the data echo the request's key.
 #include "service/service_provider.h"
 
 namespace quorvi {
@@ -21,9 +21,5 @@ void ServiceProvider::getAppAttributesWithPath(std::string path, Reply reply) {
 void ServiceProvider::getFileAttributesWithPath(std::string path, Reply reply) {
   reply.sendDataAndString(std::nullopt, path);
 }
-void ServiceProvider::ocrWithImage(Bytes, int64_t identifier, bool, Reply reply) {
-  reply.sendStringDataAndInteger(std::nullopt, std::nullopt, identifier);
-}
-void ServiceProvider::searchContactsWithQuery(std::string, int64_t, Reply reply) { reply.sendData(std::nullopt); }
 
 }  // namespace quorvi
