@@ -1,0 +1,168 @@
+// The contacts index: its search rules, its cache, and loads queued behind
+// one another rather than waited for.
+#include "contacts/contacts_searchable_indexer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "contacts/contacts_fixture.h"
+#include "support/test_bus.h"
+
+namespace quorvi {
+namespace {
+
+using contacts_fixture::vcard;
+using namespace std::chrono_literals;
+
+ContactItem item(const std::string& name, const std::string& contact) {
+  ContactItem entry;
+  entry.identifier = name;
+  entry.name = name;
+  entry.contact = contact;
+  entry.matchs = {name, contact};
+  entry.cmatchs = name + " " + contact;
+  return entry;
+}
+
+std::vector<std::string> namesIn(const OptionalBytes& data) {
+  std::vector<std::string> names;
+  if (data) {
+    for (const auto& entry : Json::parse(*data)) names.push_back(entry["name"]);
+  }
+  return names;
+}
+
+TEST(ContactsSearch, KeywordGroupsCountsAndNil) {
+  std::vector<ContactItem> items = {item("anna", "111"), item("bob", "222"), item("anna b", "333"),
+                                    item("carl", "anna@example.com")};
+  using Names = std::vector<std::string>;
+  auto search = [&](std::string_view query, int64_t maxcount) {
+    return namesIn(ContactsSearchableIndexer::searchItems(items, query, maxcount));
+  };
+  EXPECT_EQ(search("anna", 10), (Names{"anna", "anna b", "carl"}));
+  EXPECT_EQ(search("anna 3", 10), (Names{"anna b"})) << "AND across terms";
+  EXPECT_EQ(search("bob|carl", 10), (Names{"bob", "carl"})) << "OR within a term";
+  EXPECT_EQ(search("bob｜carl", 10), (Names{"bob", "carl"})) << "the full-width bar too";
+  EXPECT_EQ(search("anna", 2), (Names{"anna", "anna b"}));
+  EXPECT_EQ(search("  \t ", 3), (Names{"anna", "bob", "anna b"})) << "white space matches every entry";
+  EXPECT_EQ(search("bob", 0), Names{}) << "0 stops after the first entry examined";
+  EXPECT_EQ(search("anna", 0), Names{"anna"});
+  EXPECT_FALSE(ContactsSearchableIndexer::searchItems(items, "zed", 10)) << "no hit is nil, not []";
+  EXPECT_FALSE(ContactsSearchableIndexer::searchItems(items, "anna", -1)) << "a negative count answers nil";
+  EXPECT_FALSE(ContactsSearchableIndexer::searchItems({}, "", 10)) << "no entries is nil";
+  EXPECT_EQ(search("Anna", 10), Names{}) << "matching is byte-exact: clients send lower case";
+}
+
+// Collects the answers of asynchronous searches.
+class Answers {
+ public:
+  ContactsSearchableIndexer::Completion add() {
+    return [this](OptionalBytes data) {
+      std::lock_guard guard(mutex_);
+      answers_.push_back(std::move(data));
+      changed_.notify_all();
+    };
+  }
+  std::vector<OptionalBytes> wait(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, 30s, [&] { return answers_.size() >= count; });
+    return answers_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<OptionalBytes> answers_;
+};
+
+class ContactsIndexerTest : public ::testing::Test {
+ protected:
+  ContactsIndexerTest() : events_(eventOptions(home_.path())) {}
+
+  static FileEvents::Options eventOptions(const std::string& home) {
+    FileEvents::Options options;
+    options.stateDirectory = home + "/state";
+    return options;
+  }
+
+  std::shared_ptr<ContactsSearchableIndexer> makeIndexer() {
+    ContactsSearchableIndexer::Options options;
+    std::string books = home_.path() + "/contacts";
+    options.sources = [books, this] {
+      ++sourceCalls_;
+      AddressBookSources sources;
+      sources.vcardPaths = {books};
+      return sources;
+    };
+    options.fileEvents = &events_;
+    options.watcherIdentifier = "contacts-test";
+    return ContactsSearchableIndexer::make(std::move(options));
+  }
+
+  testing::TemporaryDirectory home_;
+  FileEvents events_;
+  std::atomic<int> sourceCalls_{0};
+};
+
+TEST_F(ContactsIndexerTest, SearchesWhileAbsentQueueBehindOneLoad) {
+  home_.write("contacts/a.vcf", vcard("a", "Anna", {"+1 555 0100"}));
+  auto indexer = makeIndexer();
+  EXPECT_FALSE(indexer->items()) << "nothing is loaded before the first search";
+
+  Answers answers;
+  for (int i = 0; i < 6; ++i) indexer->search("anna", 10, answers.add());
+  auto replies = answers.wait(6);
+  ASSERT_EQ(replies.size(), 6u);
+  for (const auto& reply : replies) EXPECT_EQ(namesIn(reply), std::vector<std::string>{"Anna"});
+  EXPECT_EQ(indexer->loadCount(), 1u) << "the queued searches found the first load's entries";
+  ASSERT_TRUE(indexer->items());
+
+  // With entries in memory the answer comes on the calling thread.
+  bool answeredAtOnce = false;
+  indexer->search("15550100", 10, [&](OptionalBytes data) { answeredAtOnce = namesIn(data).size() == 1; });
+  EXPECT_TRUE(answeredAtOnce);
+}
+
+TEST_F(ContactsIndexerTest, ADropMakesTheNextSearchLoadAgain) {
+  home_.write("contacts/a.vcf", vcard("a", "Anna", {"1"}));
+  auto indexer = makeIndexer();
+  Answers first;
+  indexer->search("anna", 10, first.add());
+  ASSERT_EQ(first.wait(1).size(), 1u);
+
+  home_.write("contacts/b.vcf", vcard("b", "Anna Two", {"2"}));
+  Answers cached;
+  indexer->search("anna", 10, cached.add());
+  EXPECT_EQ(namesIn(cached.wait(1)[0]), std::vector<std::string>{"Anna"}) << "the cache holds until a change";
+
+  indexer->dropItems();
+  EXPECT_FALSE(indexer->items());
+  Answers fresh;
+  indexer->search("anna", 10, fresh.add());
+  EXPECT_EQ(namesIn(fresh.wait(1)[0]), (std::vector<std::string>{"Anna", "Anna Two"}));
+  EXPECT_EQ(indexer->loadCount(), 2u);
+  EXPECT_EQ(sourceCalls_.load(), 2) << "the sources (settings) are asked again at every load";
+}
+
+TEST_F(ContactsIndexerTest, EmptyAddressBooksAndNegativeCountsAnswerNil) {
+  auto indexer = makeIndexer();
+  Answers answers;
+  indexer->search("", 10, answers.add());
+  auto replies = answers.wait(1);
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_FALSE(replies[0]) << "no address book: nil";
+  ASSERT_TRUE(indexer->items());
+  EXPECT_TRUE(indexer->items()->empty());
+
+  bool called = false, hadData = true;
+  indexer->search("x", -5, [&](OptionalBytes data) { called = true, hadData = data.has_value(); });
+  EXPECT_TRUE(called);
+  EXPECT_FALSE(hadData);
+}
+
+}  // namespace
+}  // namespace quorvi
