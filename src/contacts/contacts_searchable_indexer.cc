@@ -45,7 +45,7 @@ ContactsSearchableIndexer::ContactsSearchableIndexer(Options options)
 }
 
 ContactsSearchableIndexer::~ContactsSearchableIndexer() {
-  if (!watchedPaths_.empty()) fileEvents_.stopWatching(options_.watcherIdentifier);
+  if (!watchedPaths_.empty()) fileEvents_.stopWatching(options_.watcherIdentifier, false);
 }
 
 void ContactsSearchableIndexer::search(std::string query, int64_t maxcount, Completion completion) {
@@ -58,8 +58,11 @@ void ContactsSearchableIndexer::search(std::string query, int64_t maxcount, Comp
     return;
   }
   loadQueue_->async([self = shared_from_this(), query = std::move(query), maxcount,
-                     completion = std::move(completion)] {
+                     completion = std::move(completion)]() mutable {
     auto snapshot = self->loadIfAbsent();
+    // Let go of the indexer before answering: whoever waits for the answer
+    // may be about to let go of it too.
+    self.reset();
     completion(searchItems(*snapshot, query, maxcount));
   });
 }

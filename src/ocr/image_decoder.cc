@@ -29,6 +29,22 @@ bool skipSubBlocks(std::string_view bytes, std::size_t& position) {
   return false;
 }
 
+uint32_t bigEndian32(std::string_view bytes, std::size_t at) {
+  uint32_t value = 0;
+  for (int i = 0; i < 4; ++i) value = (value << 8) | static_cast<uint8_t>(bytes[at + i]);
+  return value;
+}
+
+// The size from the IHDR chunk, which the format puts first; Leptonica's
+// reader wants more bytes than a header, so a bare header would pass
+// unchecked as "no image" instead of "too large".
+bool readPngDimensions(std::string_view bytes, int64_t* width, int64_t* height) {
+  if (bytes.size() < 24 || bytes.substr(0, 8) != "\x89PNG\r\n\x1a\n" || bytes.substr(12, 4) != "IHDR") return false;
+  *width = bigEndian32(bytes, 16);
+  *height = bigEndian32(bytes, 20);
+  return true;
+}
+
 // Leptonica's own header reader decodes a whole BMP to learn its size; the
 // size is in the fixed header.
 bool readBmpDimensions(std::string_view bytes, int64_t* width, int64_t* height) {
@@ -125,6 +141,9 @@ ImageHeader readImageHeader(std::string_view bytes, const ImageLimits& limits) {
     int64_t framePixels = 0;
     read = readGifDimensions(bytes, &header.width, &header.height, &framePixels);
     header.decodedPixels = std::max(header.width * header.height, framePixels);
+  } else if (format == IFF_PNG) {
+    read = readPngDimensions(bytes, &header.width, &header.height);
+    header.decodedPixels = header.width * header.height;
   } else if (format == IFF_BMP) {
     read = readBmpDimensions(bytes, &header.width, &header.height);
     header.decodedPixels = header.width * header.height;

@@ -6,7 +6,10 @@
 // limits, so a small file that declares a huge picture (a decompression
 // bomb) is refused without allocating it. GIF gets a header walk of its own:
 // its decoder reads every frame at the size each frame declares, which the
-// image's own header does not bound.
+// image's own header does not bound. PNG and BMP sizes are read here too
+// (Leptonica wants more of a PNG than its header, and decodes a whole BMP to
+// learn its size). BMP with bit fields (ImageMagick's default) is one kind
+// Leptonica does not read.
 //
 // The decoded image is made plain for recognition: a colour map is
 // expanded and transparency is laid over white (a transparent screenshot

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include "contacts/contacts_fixture.h"
 #include "support/test_bus.h"
@@ -146,6 +147,55 @@ TEST_F(ContactsIndexerTest, ADropMakesTheNextSearchLoadAgain) {
   EXPECT_EQ(namesIn(fresh.wait(1)[0]), (std::vector<std::string>{"Anna", "Anna Two"}));
   EXPECT_EQ(indexer->loadCount(), 2u);
   EXPECT_EQ(sourceCalls_.load(), 2) << "the sources (settings) are asked again at every load";
+}
+
+// Waits (up to a generous limit for a loaded machine) until the condition holds.
+template <typename Condition>
+bool eventually(Condition&& condition) {
+  auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return condition();
+}
+
+TEST_F(ContactsIndexerTest, AChangedVdirDropsTheEntries) {
+  home_.write("contacts/work/a.vcf", vcard("a", "Anna", {"1"}));
+  auto indexer = makeIndexer();
+  Answers first;
+  indexer->search("anna", 10, first.add());
+  ASSERT_EQ(first.wait(1).size(), 1u);
+  events_.waitUntilIdle();
+  ASSERT_TRUE(indexer->items());
+
+  // A card rewritten in place, a card added in a new collection folder.
+  home_.write("contacts/work/a.vcf", vcard("a", "Anna Renamed", {"1"}));
+  ASSERT_TRUE(eventually([&] { return !indexer->items(); })) << "the rewrite was not noticed";
+  Answers renamed;
+  indexer->search("anna", 10, renamed.add());
+  EXPECT_EQ(namesIn(renamed.wait(1)[0]), std::vector<std::string>{"Anna Renamed"});
+  events_.waitUntilIdle();
+
+  home_.write("contacts/home/b.vcf", vcard("b", "Anna Home", {"2"}));
+  ASSERT_TRUE(eventually([&] { return !indexer->items(); })) << "the new folder was not noticed";
+  Answers added;
+  indexer->search("anna", 10, added.add());
+  EXPECT_EQ(namesIn(added.wait(1)[0]), (std::vector<std::string>{"Anna Home", "Anna Renamed"}));
+}
+
+TEST_F(ContactsIndexerTest, AFolderThatAppearsLaterIsWatched) {
+  auto indexer = makeIndexer();
+  Answers none;
+  indexer->search("", 10, none.add());
+  EXPECT_FALSE(none.wait(1)[0]) << "no folder yet";
+  events_.waitUntilIdle();
+
+  home_.write("contacts/late/a.vcf", vcard("a", "Late Anna", {"1"}));
+  ASSERT_TRUE(eventually([&] { return !indexer->items(); }));
+  Answers late;
+  indexer->search("late", 10, late.add());
+  EXPECT_EQ(namesIn(late.wait(1)[0]), std::vector<std::string>{"Late Anna"});
 }
 
 TEST_F(ContactsIndexerTest, EmptyAddressBooksAndNegativeCountsAnswerNil) {
