@@ -34,7 +34,13 @@ void limitOpenMPThreads(char** argv) {
   const char* limit = std::getenv("OMP_THREAD_LIMIT");
   if (limit && std::strcmp(limit, "1") == 0) return;
   ::setenv("OMP_THREAD_LIMIT", "1", 1);
-  ::execv("/proc/self/exe", argv);
+  // The executable's own path (not /proc/self/exe), so that the process
+  // keeps its name in process listings.
+  char path[4096];
+  ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
+  if (length <= 0) return;
+  path[length] = '\0';
+  ::execv(path, argv);
   // Not restarted: run on with OpenMP's default.
 }
 

@@ -76,7 +76,8 @@ TEST(EvolutionAddressBook, ReadsEveryBookFromACopyIncludingTheLogAndLeavesNothin
   std::string folder = home.path() + "/evolution/addressbook";
   std::string work = home.path() + "/work";
   fs::create_directories(work);
-  contacts_fixture::EvolutionBook personal(folder + "/system/contacts.db");
+  contacts_fixture::EvolutionBook personal(folder + "/system/contacts.db",
+                                          contacts_fixture::EvolutionBook::Journal::writeAheadLog);
   personal.add("pas-id-1", vcard("pas-id-1", "Evo Person", {"+1 555 0101"}, {"evo@example.com"}));
   personal.add("pas-id-2", vcard("pas-id-2", "李娜", {"139 0000 1111"}));
   contacts_fixture::EvolutionBook other(folder + "/1690000000.12345.1@host/contacts.db");

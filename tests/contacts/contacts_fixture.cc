@@ -30,10 +30,10 @@ void exec(sqlite3* db, const std::string& sql) {
 
 }  // namespace
 
-EvolutionBook::EvolutionBook(const std::string& databasePath) {
+EvolutionBook::EvolutionBook(const std::string& databasePath, Journal journal) {
   std::filesystem::create_directories(std::filesystem::path(databasePath).parent_path());
   if (sqlite3_open(databasePath.c_str(), &db_) != SQLITE_OK) throw std::runtime_error("cannot create " + databasePath);
-  exec(db_, "PRAGMA journal_mode=WAL");
+  if (journal == Journal::writeAheadLog) exec(db_, "PRAGMA journal_mode=WAL");
   exec(db_,
        "CREATE TABLE folders (folder_id TEXT PRIMARY KEY, version INTEGER, multivalues TEXT, "
        "lc_collate TEXT, countrycode VARCHAR(2));"

@@ -15,12 +15,14 @@ std::string vcard(const std::string& uid, const std::string& name, const std::ve
 
 // An Evolution address book database: the "folders" table naming the
 // summary table, and the summary table with each contact's uid and vCard.
-// The connection stays open in write-ahead-log mode, so recent rows may
-// live only in the "-wal" file beside the database, as while the data
-// server runs.
+// The connection stays open, as the data server keeps it. With a rollback
+// journal (SQLite's default) every write makes and removes a "-journal"
+// file beside the database; in write-ahead-log mode recent rows live only
+// in the "-wal" file until the connection closes.
 class EvolutionBook {
  public:
-  explicit EvolutionBook(const std::string& databasePath);
+  enum class Journal { rollback, writeAheadLog };
+  explicit EvolutionBook(const std::string& databasePath, Journal journal = Journal::rollback);
   ~EvolutionBook();
   void add(const std::string& uid, const std::string& vcardText);
   // Closes the connection (which folds the log into the database).
