@@ -142,63 +142,10 @@ Json ContactItem::toJson() const {
   return object;
 }
 
-std::optional<ContactItem> ContactItem::fromJson(const Json& object) {
-  if (!object.is_object()) return std::nullopt;
-  auto text = [&](const char* key) -> const Json* {
-    auto it = object.find(key);
-    return (it != object.end() && it->is_string()) ? &*it : nullptr;
-  };
-  const Json *identifier = text("identifier"), *name = text("name"), *contact = text("contact");
-  auto type = object.find("contactType");
-  auto avatar = object.find("hasAvatarData");
-  if (!identifier || !name || !contact || type == object.end() || !type->is_number_integer() ||
-      avatar == object.end() || !avatar->is_boolean()) {
-    return std::nullopt;
-  }
-  auto contactType = contactTypeFromRawValue(type->get<int64_t>());
-  if (!contactType) return std::nullopt;
-  ContactItem item;
-  item.identifier = identifier->get<std::string>();
-  item.name = name->get<std::string>();
-  if (auto nickname = object.find("nickname"); nickname != object.end()) {
-    if (!nickname->is_string()) return std::nullopt;
-    item.nickname = nickname->get<std::string>();
-  }
-  item.contact = contact->get<std::string>();
-  item.contactType = *contactType;
-  item.hasAvatarData = avatar->get<bool>();
-  return item;
-}
-
-Bytes encodeContactItems(const std::vector<const ContactItem*>& items) {
-  Bytes out = "[";
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    const ContactItem& item = *items[i];
-    if (i > 0) out.push_back(',');
-    out.push_back('{');
-    appendJsonKey(out, "identifier");
-    appendJsonString(out, item.identifier);
-    out.push_back(',');
-    appendJsonKey(out, "name");
-    appendJsonString(out, item.name);
-    if (item.nickname) {
-      out.push_back(',');
-      appendJsonKey(out, "nickname");
-      appendJsonString(out, *item.nickname);
-    }
-    out.push_back(',');
-    appendJsonKey(out, "contact");
-    appendJsonString(out, item.contact);
-    out.push_back(',');
-    appendJsonKey(out, "contactType");
-    out.append(item.contactType == ContactType::phone ? "0" : "1");
-    out.push_back(',');
-    appendJsonKey(out, "hasAvatarData");
-    out.append(item.hasAvatarData ? "true" : "false");
-    out.push_back('}');
-  }
-  out.push_back(']');
-  return out;
+OptionalBytes encodeContactItems(const std::vector<const ContactItem*>& items) {
+  Json array = Json::array();
+  for (const ContactItem* item : items) array.push_back(item->toJson());
+  return encodeJson(array);
 }
 
 std::string phoneDigits(std::string_view number) {

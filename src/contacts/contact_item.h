@@ -39,13 +39,11 @@ struct ContactItem {
   std::string cmatchs;
 
   Json toJson() const;
-  // Reads the JSON keys back; nullopt when a required key is missing or has
-  // the wrong type, or contactType is no case. matchs stay empty.
-  static std::optional<ContactItem> fromJson(const Json& object);
 };
 
-// Writes the items as a JSON array (the bytes the reply carries).
-Bytes encodeContactItems(const std::vector<const ContactItem*>& items);
+// The items as a JSON array (the bytes the reply carries); nil when they
+// cannot be encoded.
+OptionalBytes encodeContactItems(const std::vector<const ContactItem*>& items);
 
 // The entries of one card: one per TEL and per EMAIL, in the card's order.
 // The identifier is the card's UID, else `fallbackIdentifier`. The name is

@@ -3,6 +3,7 @@
 #include <leptonica/allheaders.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <mutex>
 
 namespace quorvi {
@@ -17,6 +18,13 @@ int32_t littleEndian32(std::string_view bytes, std::size_t at) {
   uint32_t value = 0;
   for (int i = 3; i >= 0; --i) value = (value << 8) | static_cast<uint8_t>(bytes[at + i]);
   return static_cast<int32_t>(value);
+}
+
+// width * height without overflow: any side past 2^31 counts as too many.
+int64_t pixelsOf(int64_t width, int64_t height) {
+  if (width <= 0 || height <= 0) return 0;
+  if (width > INT32_MAX || height > INT32_MAX) return INT64_MAX;
+  return width * height;
 }
 
 // Skips GIF data sub-blocks (a length byte, that many bytes, ... a zero).
@@ -108,7 +116,7 @@ bool readGifDimensions(std::string_view bytes, int64_t* screenWidth, int64_t* sc
       uint8_t frameFlags = static_cast<uint8_t>(bytes[position + 8]);
       position += 9;
       if (frameFlags & 0x80) position += 3u << ((frameFlags & 7) + 1);  // local colour table
-      *framePixels += width * height;
+      *framePixels = std::min(*framePixels + width * height, INT64_MAX / 2);
       ++position;  // LZW minimum code size
       if (!skipSubBlocks(bytes, position)) return true;
     } else {
@@ -140,20 +148,20 @@ ImageHeader readImageHeader(std::string_view bytes, const ImageLimits& limits) {
   if (format == IFF_GIF) {
     int64_t framePixels = 0;
     read = readGifDimensions(bytes, &header.width, &header.height, &framePixels);
-    header.decodedPixels = std::max(header.width * header.height, framePixels);
+    header.decodedPixels = std::max(pixelsOf(header.width, header.height), framePixels);
   } else if (format == IFF_PNG) {
     read = readPngDimensions(bytes, &header.width, &header.height);
-    header.decodedPixels = header.width * header.height;
+    header.decodedPixels = pixelsOf(header.width, header.height);
   } else if (format == IFF_BMP) {
     read = readBmpDimensions(bytes, &header.width, &header.height);
-    header.decodedPixels = header.width * header.height;
+    header.decodedPixels = pixelsOf(header.width, header.height);
   } else {
     l_int32 width = 0, height = 0, bitsPerSample = 0, samplesPerPixel = 0, isColormapped = 0;
     read = pixReadHeaderMem(data, bytes.size(), &format, &width, &height, &bitsPerSample, &samplesPerPixel,
                             &isColormapped) == 0;
     header.width = width;
     header.height = height;
-    header.decodedPixels = int64_t(width) * height;
+    header.decodedPixels = pixelsOf(width, height);
   }
   if (!read || header.width <= 0 || header.height <= 0) {
     header.failure = ImageFailure::notAnImage;

@@ -97,31 +97,20 @@ TEST(ContactJson, ExactKeysAndOrderWithoutMatchTexts) {
   ContactItem withNickname{"id1", "Ada", std::string("Countess"), "+1 555", ContactType::phone, true,
                            {"ada", "+1 555"}, "ada +1 555"};
   ContactItem withoutNickname{"id2", "张伟", std::nullopt, "zw@example.com", ContactType::email, false, {}, ""};
-  Bytes json = encodeContactItems({&withNickname, &withoutNickname});
+  OptionalBytes json = encodeContactItems({&withNickname, &withoutNickname});
   EXPECT_EQ(json,
             "[{\"identifier\":\"id1\",\"name\":\"Ada\",\"nickname\":\"Countess\",\"contact\":\"+1 555\","
             "\"contactType\":0,\"hasAvatarData\":true},"
             "{\"identifier\":\"id2\",\"name\":\"张伟\",\"contact\":\"zw@example.com\",\"contactType\":1,"
             "\"hasAvatarData\":false}]");
-  // The direct writer and the document agree.
-  EXPECT_EQ(encodeJson(Json::array({withNickname.toJson(), withoutNickname.toJson()})), json);
-
   ContactItem quoted{"a\"b", "line\nbreak", std::nullopt, "x", ContactType::phone, false, {}, ""};
-  EXPECT_EQ(Json::parse(encodeContactItems({&quoted}))[0]["name"], "line\nbreak");
+  EXPECT_EQ(Json::parse(*encodeContactItems({&quoted}))[0]["name"], "line\nbreak");
 }
 
-TEST(ContactJson, DecodingReadsTheSameKeys) {
-  auto decoded = ContactItem::fromJson(Json::parse(
-      R"({"identifier":"i","name":"n","contact":"c","contactType":1,"hasAvatarData":true})"));
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->contactType, ContactType::email);
-  EXPECT_FALSE(decoded->nickname);
-  EXPECT_TRUE(decoded->hasAvatarData);
-  EXPECT_FALSE(ContactItem::fromJson(Json::parse(
-      R"({"identifier":"i","name":"n","contact":"c","contactType":2,"hasAvatarData":true})")))
-      << "2 is no ContactType";
-  EXPECT_FALSE(ContactItem::fromJson(Json::parse(R"({"identifier":"i","name":"n","contactType":0})")));
+TEST(ContactJson, ContactTypeRawValues) {
   EXPECT_EQ(contactTypeFromRawValue(0), ContactType::phone);
+  EXPECT_EQ(contactTypeFromRawValue(1), ContactType::email);
+  EXPECT_FALSE(contactTypeFromRawValue(2)) << "any other raw value is no case";
   EXPECT_FALSE(contactTypeFromRawValue(-1));
 }
 

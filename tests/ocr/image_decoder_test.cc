@@ -73,6 +73,8 @@ TEST(ImageDecoder, DeclaredSizesBeyondTheLimitsAreRefusedUndecoded) {
   EXPECT_EQ(readImageHeader(gifWithFrameDeclaring(60000, 60000)).failure, ImageFailure::tooLarge)
       << "a small screen with a huge frame";
   EXPECT_EQ(readImageHeader(bmpHeaderDeclaring(50000, -50000)).failure, ImageFailure::tooLarge);
+  EXPECT_EQ(readImageHeader(pngHeaderDeclaring(0xE4E4E4E4u, 0xE4E4E4E4u)).failure, ImageFailure::tooLarge)
+      << "sides whose product overflows 64 bits (found by fuzzing)";
 
   ImageLimits limits;
   limits.maxPixels = 100;
