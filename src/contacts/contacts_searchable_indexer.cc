@@ -1,6 +1,7 @@
 #include "contacts/contacts_searchable_indexer.h"
 
-#include <chrono>
+#include <time.h>
+
 #include <cstdio>
 
 #include "common/settings.h"
@@ -16,8 +17,13 @@ std::string parentFolder(const std::string& path) {
   return path.substr(0, slash);
 }
 
-double wallClockSeconds() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+// Now, on the clock the kernel stamps file times with: the coarse one,
+// which may lag the precise wall clock by a tick. Against the wall clock a
+// folder changed just after "now" could carry a time just before it.
+double fileClockSeconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 }  // namespace
@@ -135,7 +141,7 @@ void ContactsSearchableIndexer::watch(const AddressBookSources& sources) {
   }
   // Folders changed between now and their watch are reported, so a file
   // added while the first load reads is not missed.
-  watchOptions.reportsFoldersChangedSince = wallClockSeconds();
+  watchOptions.reportsFoldersChangedSince = fileClockSeconds();
   std::weak_ptr<ContactsSearchableIndexer> weak = weak_from_this();
   fileEvents_.startWatching(
       paths, options_.watcherIdentifier, eventQueue_, std::nullopt,

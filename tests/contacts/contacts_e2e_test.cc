@@ -66,6 +66,7 @@ TEST_F(ContactsOverTheBus, FindsPeopleInEveryKindOfAddressBookAndFollowsChanges)
   home_.write("Sync/cards/export.vcf", vcard("", "Exported Erin", {"555 0199"}));
   contacts_fixture::EvolutionBook evolution(home_.path() + "/.local/share/evolution/addressbook/system/contacts.db");
   evolution.add("pas-1", vcard("pas-1", "Evo Eve", {}, {"eve@example.org"}));
+  contacts_fixture::backdateFolders(home_.path());
   startService();
 
   EXPECT_EQ(search("zw"), (std::vector<std::string>{"张伟 +86 138-1234-5678", "张伟 zhang.wei@example.com"}))

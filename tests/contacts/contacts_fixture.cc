@@ -1,5 +1,6 @@
 #include "contacts/contacts_fixture.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -64,6 +65,18 @@ std::string readWholeFile(const std::string& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+void backdateFolders(const std::string& root) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  auto anHourAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  if (!fs::is_directory(root, error)) return;
+  fs::last_write_time(root, anHourAgo, error);
+  for (auto it = fs::recursive_directory_iterator(root, error); it != fs::recursive_directory_iterator();
+       it.increment(error)) {
+    if (it->is_directory(error) && !it->is_symlink(error)) fs::last_write_time(it->path(), anHourAgo, error);
+  }
 }
 
 }  // namespace quorvi::contacts_fixture

@@ -34,4 +34,9 @@ class EvolutionBook {
 
 std::string readWholeFile(const std::string& path);
 
+// Sets the modification time of the folder and every folder below it an
+// hour back, so that address books written by a test before the index
+// watches them do not count as changed while the watches were being set.
+void backdateFolders(const std::string& root);
+
 }  // namespace quorvi::contacts_fixture

@@ -90,9 +90,9 @@ class ContactsIndexerTest : public ::testing::Test {
     return options;
   }
 
-  std::shared_ptr<ContactsSearchableIndexer> makeIndexer() {
+  std::shared_ptr<ContactsSearchableIndexer> makeIndexer(const std::string& relativeBooks = "contacts") {
     ContactsSearchableIndexer::Options options;
-    std::string books = home_.path() + "/contacts";
+    std::string books = home_.path() + "/" + relativeBooks;
     options.sources = [books, this] {
       ++sourceCalls_;
       AddressBookSources sources;
@@ -111,6 +111,7 @@ class ContactsIndexerTest : public ::testing::Test {
 
 TEST_F(ContactsIndexerTest, SearchesWhileAbsentQueueBehindOneLoad) {
   home_.write("contacts/a.vcf", vcard("a", "Anna", {"+1 555 0100"}));
+  contacts_fixture::backdateFolders(home_.path());
   auto indexer = makeIndexer();
   EXPECT_FALSE(indexer->items()) << "nothing is loaded before the first search";
 
@@ -128,18 +129,21 @@ TEST_F(ContactsIndexerTest, SearchesWhileAbsentQueueBehindOneLoad) {
   EXPECT_TRUE(answeredAtOnce);
 }
 
-TEST_F(ContactsIndexerTest, ADropMakesTheNextSearchLoadAgain) {
+TEST_F(ContactsIndexerTest, TheEntriesStayUntilDroppedAndTheNextSearchLoadsAgain) {
   home_.write("contacts/a.vcf", vcard("a", "Anna", {"1"}));
+  contacts_fixture::backdateFolders(home_.path());
   auto indexer = makeIndexer();
   Answers first;
   indexer->search("anna", 10, first.add());
   ASSERT_EQ(first.wait(1).size(), 1u);
-
-  home_.write("contacts/b.vcf", vcard("b", "Anna Two", {"2"}));
   Answers cached;
   indexer->search("anna", 10, cached.add());
-  EXPECT_EQ(namesIn(cached.wait(1)[0]), std::vector<std::string>{"Anna"}) << "the cache holds until a change";
+  EXPECT_EQ(namesIn(cached.wait(1)[0]), std::vector<std::string>{"Anna"});
+  EXPECT_EQ(indexer->loadCount(), 1u) << "nothing changed: the entries in memory answer";
 
+  // (The watcher may drop them too when it sees the new file; either way
+  // the one search after the drop loads once.)
+  home_.write("contacts/b.vcf", vcard("b", "Anna Two", {"2"}));
   indexer->dropItems();
   EXPECT_FALSE(indexer->items());
   Answers fresh;
@@ -162,6 +166,7 @@ bool eventually(Condition&& condition) {
 
 TEST_F(ContactsIndexerTest, AChangedVdirDropsTheEntries) {
   home_.write("contacts/work/a.vcf", vcard("a", "Anna", {"1"}));
+  contacts_fixture::backdateFolders(home_.path());
   auto indexer = makeIndexer();
   Answers first;
   indexer->search("anna", 10, first.add());
@@ -196,6 +201,19 @@ TEST_F(ContactsIndexerTest, AFolderThatAppearsLaterIsWatched) {
   Answers late;
   indexer->search("late", 10, late.add());
   EXPECT_EQ(namesIn(late.wait(1)[0]), std::vector<std::string>{"Late Anna"});
+}
+
+TEST_F(ContactsIndexerTest, FoldersSeveralLevelsDeepAppearingRightAfterTheFirstSearch) {
+  auto indexer = makeIndexer(".local/share/contacts");
+  Answers none;
+  indexer->search("", 10, none.add());
+  EXPECT_FALSE(none.wait(1)[0]);
+  // No wait for the watches: the folders may appear while they are being set.
+  home_.write(".local/share/contacts/a.vcf", vcard("a", "Deep Anna", {"1"}));
+  ASSERT_TRUE(eventually([&] { return !indexer->items(); }));
+  Answers deep;
+  indexer->search("deep", 10, deep.add());
+  EXPECT_EQ(namesIn(deep.wait(1)[0]), std::vector<std::string>{"Deep Anna"});
 }
 
 TEST_F(ContactsIndexerTest, EmptyAddressBooksAndNegativeCountsAnswerNil) {
