@@ -9,8 +9,11 @@ packages=(
   # libraries
   libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev
   libgtest-dev libgmock-dev
-  # pinyin table generation (Unihan readings)
-  unicode-data bzip2
+  # metadata queries: MIME types, desktop entries and the recently-used list
+  # (GIO, shared-mime-info); document text (Poppler, libzip, libxml2)
+  libglib2.0-dev shared-mime-info libpoppler-cpp-dev libzip-dev libxml2-dev
+  # pinyin table generation (Unihan readings; words with their readings)
+  unicode-data bzip2 rime-data-pinyin-simp
   # text recognition: Tesseract with the English and simplified Chinese models
   libtesseract-dev libleptonica-dev tesseract-ocr tesseract-ocr-eng tesseract-ocr-chi-sim
   # text recognition tests draw their images: ImageMagick and fonts with Latin and Han glyphs
@@ -18,7 +21,7 @@ packages=(
   # tools the service and its tests run
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run
-  fd-find plocate findutils
+  fd-find plocate findutils poppler-utils
 )
 
 missing=()

@@ -13,7 +13,8 @@
 //   provider_apps.cc     app index: #2–#4
 //   provider_zotero.cc   Zotero: #28, #29
 //   provider_processes.cc processes: #33
-//   provider_lookups.cc  recent, metadata, attributes: #11, #21–#25
+//   provider_spotlight.cc recent files and documents, metadata queries,
+//                        attributes: #11, #21–#25
 //   provider_ocr.cc      text recognition: #27
 //   provider_contacts.cc contacts: #30
 #pragma once

@@ -30,9 +30,12 @@ void touch(const std::string& path, const std::string& contents = "x") {
 }
 
 // The events one watcher received, and waits on them.
+// Declare it before the service it listens to: the service goes first, and
+// what it handed on is drained before the recorder goes.
 class Recorder {
  public:
   Recorder() : queue_(DispatchQueue::makeSerial("test.fileevents")) {}
+  ~Recorder() { queue_->sync([] {}); }
 
   std::shared_ptr<DispatchQueue> queue() const { return queue_; }
   FileEventHandler handler() {
@@ -103,9 +106,12 @@ std::set<std::string> walk(const std::string& root) {
 }
 
 // What a receiver believes is below `root`, kept from events alone.
+// Declare it before the service, like a Recorder.
 class Mirror {
  public:
   explicit Mirror(std::string root) : root_(std::move(root)), paths_(walk(root_)) {}
+  ~Mirror() { queue_->sync([] {}); }
+  std::shared_ptr<DispatchQueue> queue() const { return queue_; }
 
   FileEventHandler handler() {
     return [this](std::vector<FileEvent> batch) {
@@ -132,8 +138,9 @@ class Mirror {
       paths_ = walk(root_);
       return;
     }
-    if (event.path.empty() || event.path == root_) {
-      if (event.has(kFileEventRemoved) || event.has(kFileEventMustScanSubDirs)) paths_ = walk(root_);
+    if (event.path.empty()) return;
+    if (event.path == root_ && (event.has(kFileEventRemoved) || event.has(kFileEventMustScanSubDirs))) {
+      paths_ = walk(root_);
       return;
     }
     if (event.has(kFileEventRenamed)) {
@@ -176,6 +183,7 @@ class Mirror {
   std::string root_;
   std::mutex mutex_;
   std::set<std::string> paths_;
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::makeSerial("test.mirror");
 };
 
 // Waits until the mirror equals the disk (events may still be on their way
@@ -215,8 +223,8 @@ class FileEventsTest : public ::testing::Test {
 };
 
 TEST_F(FileEventsTest, ReportsWhatHappensToFilesAndFolders) {
-  FileEvents events(options());
   Recorder recorder;
+  FileEvents events(options());
   ASSERT_TRUE(events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler()));
   events.waitUntilIdle();
 
@@ -250,8 +258,8 @@ TEST_F(FileEventsTest, FoldersMovedWithinOutAndIn) {
   fs::create_directories(root + "/a/sub");
   fs::create_directories(outside + "/in/deep");
   touch(outside + "/in/deep/f");
-  FileEvents events(options());
   Recorder recorder;
+  FileEvents events(options());
   events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler());
   events.waitUntilIdle();
 
@@ -287,10 +295,9 @@ TEST_F(FileEventsTest, MirrorFollowsBurstsRemovalsRewritesAndMoves) {
     fs::create_directories(root + "/old" + std::to_string(d) + "/x");
     for (int f = 0; f < 50; ++f) touch(root + "/old" + std::to_string(d) + "/x/f" + std::to_string(f));
   }
-  FileEvents events(options());
   Mirror mirror(root);
-  auto queue = DispatchQueue::makeSerial("test.mirror");
-  events.startWatching({root}, "w", queue, std::nullopt, mirror.handler());
+  FileEvents events(options());
+  events.startWatching({root}, "w", mirror.queue(), std::nullopt, mirror.handler());
   events.waitUntilIdle();
 
   // A burst of 10k creations in new folders, written while the folders are
@@ -303,7 +310,7 @@ TEST_F(FileEventsTest, MirrorFollowsBurstsRemovalsRewritesAndMoves) {
     }
   });
   writer.join();
-  ASSERT_TRUE(settlesToDisk(events, mirror, root, queue));
+  ASSERT_TRUE(settlesToDisk(events, mirror, root, mirror.queue()));
 
   // rm -rf of a large folder, and a checkout that rewrites thousands of
   // files the way editors and version control do (new file, rename over).
@@ -318,7 +325,7 @@ TEST_F(FileEventsTest, MirrorFollowsBurstsRemovalsRewritesAndMoves) {
     touch(folder + "/added");
     ::unlink((folder + "/f0").c_str());
   }
-  ASSERT_TRUE(settlesToDisk(events, mirror, root, queue));
+  ASSERT_TRUE(settlesToDisk(events, mirror, root, mirror.queue()));
 
   // Folders moved within, out, and in from outside, and swapped.
   const std::string outside = dir.path() + "/outside";
@@ -330,7 +337,7 @@ TEST_F(FileEventsTest, MirrorFollowsBurstsRemovalsRewritesAndMoves) {
   fs::rename(root + "/old3", root + "/swap");
   fs::rename(root + "/old4", root + "/old3");
   fs::rename(root + "/swap", root + "/old4");
-  ASSERT_TRUE(settlesToDisk(events, mirror, root, queue));
+  ASSERT_TRUE(settlesToDisk(events, mirror, root, mirror.queue()));
 }
 
 TEST_F(FileEventsTest, FoldersBeyondTheBudgetAreSweptAndChangedOnesPromoted) {
@@ -340,10 +347,10 @@ TEST_F(FileEventsTest, FoldersBeyondTheBudgetAreSweptAndChangedOnesPromoted) {
   for (const auto& path : walk(root)) ::utimensat(AT_FDCWD, path.c_str(), twoYearsAgo, 0);
   auto opts = options();
   opts.watchBudget = 5;
-  FileEvents events(opts);
   Mirror mirror(root);
-  auto queue = DispatchQueue::makeSerial("test.mirror");
-  events.startWatching({root}, "w", queue, std::nullopt, mirror.handler());
+  Recorder recorder;  // listens later
+  FileEvents events(opts);
+  events.startWatching({root}, "w", mirror.queue(), std::nullopt, mirror.handler());
   events.waitUntilIdle();
   FileEventsStatistics stats = events.statistics();
   EXPECT_EQ(stats.watchedFolders, 5);
@@ -352,10 +359,9 @@ TEST_F(FileEventsTest, FoldersBeyondTheBudgetAreSweptAndChangedOnesPromoted) {
 
   // A change in a swept folder is seen by the sweep; the mirror stays true.
   touch(root + "/a/b/c7/deep/new");
-  ASSERT_TRUE(settlesToDisk(events, mirror, root, queue));
+  ASSERT_TRUE(settlesToDisk(events, mirror, root, mirror.queue()));
   // The changed folder took the watch of a worse-ranked one (deep and
   // stale), so its next change arrives as an event of its own.
-  Recorder recorder;
   events.startWatching({root}, "r", recorder.queue(), std::nullopt, recorder.handler());
   events.waitUntilIdle();
   std::this_thread::sleep_for(500ms);  // a sweep or two
@@ -367,8 +373,8 @@ TEST_F(FileEventsTest, FoldersBeyondTheBudgetAreSweptAndChangedOnesPromoted) {
 
 TEST_F(FileEventsTest, OverflowIsRepairedBySweepingTheKnownFolders) {
   for (int d = 0; d < 5; ++d) fs::create_directories(root + "/d" + std::to_string(d));
-  FileEvents events(options());
   Recorder recorder;
+  FileEvents events(options());
   events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler());
   events.waitUntilIdle();
   touch(root + "/d3/f");
@@ -389,6 +395,7 @@ TEST_F(FileEventsTest, RealQueueOverflowLeavesTheMirrorTrue) {
   std::string saved;
   std::getline(std::ifstream(limitFile), saved);
   if (saved.empty() || !(std::ofstream(limitFile) << "16")) GTEST_SKIP() << "cannot lower max_queued_events here";
+  Mirror mirror(root);
   std::unique_ptr<FileEvents> events;
   try {
     events = std::make_unique<FileEvents>(options());
@@ -396,22 +403,20 @@ TEST_F(FileEventsTest, RealQueueOverflowLeavesTheMirrorTrue) {
   }
   std::ofstream(limitFile) << saved;
   ASSERT_TRUE(events);
-  Mirror mirror(root);
-  auto queue = DispatchQueue::makeSerial("test.mirror");
-  events->startWatching({root}, "w", queue, std::nullopt, mirror.handler());
+  events->startWatching({root}, "w", mirror.queue(), std::nullopt, mirror.handler());
   events->waitUntilIdle();
   for (int d = 0; d < 20; ++d) {
     fs::create_directories(root + "/o" + std::to_string(d));
     for (int f = 0; f < 100; ++f) touch(root + "/o" + std::to_string(d) + "/f" + std::to_string(f));
   }
-  ASSERT_TRUE(settlesToDisk(*events, mirror, root, queue));
+  ASSERT_TRUE(settlesToDisk(*events, mirror, root, mirror.queue()));
   EXPECT_GE(events->statistics().overflows, 1);
 }
 
 TEST_F(FileEventsTest, MissingPathsAreWaitedForAndFollowedThroughRemoval) {
   const std::string missing = root + "/not/yet/there";
-  FileEvents events(options());
   Recorder recorder;
+  FileEvents events(options());
   events.startWatching({missing}, "w", recorder.queue(), std::nullopt, recorder.handler());
   events.waitUntilIdle();
   fs::create_directories(root + "/not/yet");
@@ -435,8 +440,8 @@ TEST_F(FileEventsTest, MissingPathsAreWaitedForAndFollowedThroughRemoval) {
 TEST_F(FileEventsTest, WatchersShareFoldersAndKeepToTheirOwnPaths) {
   fs::create_directories(root + "/sub/x");
   fs::create_directories(root + "/.hidden");
-  FileEvents events(options());
   Recorder outer, inner, picky;
+  FileEvents events(options());
   events.startWatching({root}, "outer", outer.queue(), std::nullopt, outer.handler());
   events.startWatching({root + "/sub"}, "inner", inner.queue(), std::nullopt, inner.handler());
   FileWatchOptions skipHidden;
@@ -475,8 +480,8 @@ TEST_F(FileEventsTest, AStoppedWatcherIsToldWhatItMissed) {
   FileEvents::Options opts = options();
   FileEventID before = 0;
   {
+    Recorder recorder, resumed;
     FileEvents events(opts);
-    Recorder recorder;
     events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler());
     events.waitUntilIdle();
     touch(root + "/seen");
@@ -488,7 +493,6 @@ TEST_F(FileEventsTest, AStoppedWatcherIsToldWhatItMissed) {
     ::unlink((root + "/seen").c_str());
     events.waitUntilIdle();
 
-    Recorder resumed;
     events.startWatching({root}, "w", resumed.queue(), before, resumed.handler());
     auto done = resumed.waitFor([](const FileEvent& e) { return e.has(kFileEventHistoryDone); });
     ASSERT_TRUE(done);
@@ -503,9 +507,9 @@ TEST_F(FileEventsTest, AStoppedWatcherIsToldWhatItMissed) {
     before = events.currentEventID();
   }
   // A new process continues the ids, and cannot replay the old one's events.
+  Recorder recorder;
   FileEvents restarted(opts);
   EXPECT_GT(restarted.currentEventID(), before);
-  Recorder recorder;
   restarted.startWatching({root}, "w", recorder.queue(), before, recorder.handler());
   ASSERT_TRUE(recorder.waitFor([](const FileEvent& e) { return e.has(kFileEventHistoryIncomplete); }));
 }
@@ -513,8 +517,8 @@ TEST_F(FileEventsTest, AStoppedWatcherIsToldWhatItMissed) {
 TEST_F(FileEventsTest, AJournalThatDroppedTheGapSaysSo) {
   auto opts = options();
   opts.journalBytes = 2000;  // a handful of events
+  Recorder recorder, resumed;
   FileEvents events(opts);
-  Recorder recorder;
   events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler());
   events.waitUntilIdle();
   events.stopWatching("w");
@@ -522,7 +526,6 @@ TEST_F(FileEventsTest, AJournalThatDroppedTheGapSaysSo) {
   FileEventID stoppedAt = events.currentEventID();
   for (int f = 0; f < 50; ++f) touch(root + "/f" + std::to_string(f));
   events.waitUntilIdle();
-  Recorder resumed;
   events.startWatching({root}, "w", resumed.queue(), stoppedAt, resumed.handler());
   ASSERT_TRUE(resumed.waitFor([](const FileEvent& e) { return e.has(kFileEventHistoryIncomplete); }));
 }
@@ -535,8 +538,8 @@ TEST_F(FileEventsTest, FoldersChangedSinceAMomentAreReportedOnArming) {
   ::utimensat(AT_FDCWD, root.c_str(), past, 0);
   const double moment = static_cast<double>(::time(nullptr)) - 1;
   touch(root + "/changed/new");
-  FileEvents events(options());
   Recorder recorder;
+  FileEvents events(options());
   FileWatchOptions watchOptions;
   watchOptions.reportsFoldersChangedSince = moment;
   events.startWatching({root}, "w", recorder.queue(), std::nullopt, recorder.handler(), watchOptions);
