@@ -14,6 +14,10 @@ packages=(
   libglib2.0-dev shared-mime-info libpoppler-cpp-dev libzip-dev libxml2-dev
   # pinyin table generation (Unihan readings; words with their readings)
   unicode-data bzip2 rime-data-pinyin-simp
+  # text recognition: Tesseract with the English and simplified Chinese models
+  libtesseract-dev libleptonica-dev tesseract-ocr tesseract-ocr-eng tesseract-ocr-chi-sim
+  # text recognition tests draw their images: ImageMagick and fonts with Latin and Han glyphs
+  imagemagick fonts-dejavu-core fonts-wqy-zenhei
   # tools the service and its tests run
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run

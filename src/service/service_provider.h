@@ -17,7 +17,8 @@
 //   provider_processes.cc processes: #33
 //   provider_spotlight.cc recent files and documents, metadata queries,
 //                        attributes: #11, #21–#25
-//   provider_lookups.cc  text recognition, contacts: #27, #30
+//   provider_ocr.cc      text recognition: #27
+//   provider_contacts.cc contacts: #30
 #pragma once
 
 #include <cstdint>
