@@ -9,6 +9,8 @@ packages=(
   # libraries
   libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev
   libgtest-dev libgmock-dev
+  # desktop entries (GKeyFile, and GIO for comparison), application bundles' property lists
+  libglib2.0-dev libplist-dev
   # pinyin table generation (Unihan readings)
   unicode-data bzip2
   # tools the service and its tests run
