@@ -96,7 +96,8 @@ struct FileWatchOptions {
   // the folder's path; must be quick and thread-safe. A folder it refuses is
   // still reported itself, its contents are not.
   std::function<bool(std::string_view folderPath)> watchesFolder;
-  // Folders whose modification time is at or after this (seconds since
+  // Folders that this start arms (not those already watched for this
+  // watcher) whose modification time is at or after this (seconds since
   // 1970) when their watch is set are reported with kFileEventFolderChanged,
   // so that a receiver that walked the folders before watching them learns
   // which changed in between. 0: none.
@@ -140,10 +141,11 @@ class FileEvents {
   bool startWatching(const std::vector<std::string>& paths, const std::string& identifier,
                      std::shared_ptr<DispatchQueue> queue, std::optional<FileEventID> sinceWhen,
                      FileEventHandler handler, FileWatchOptions options = {});
-  // Stops delivery to the watcher. Its watches stay set and its events stay
-  // in the journal for a while, so that a start with a since-when id replays
-  // what happened meanwhile.
-  void stopWatching(const std::string& identifier);
+  // Stops delivery to the watcher. With keepsHistory its watches stay set
+  // and its events stay in the journal for as long as the journal reaches
+  // back to the stop, so that a start with a since-when id replays what
+  // happened meanwhile; without, its watches are given up at once.
+  void stopWatching(const std::string& identifier, bool keepsHistory = true);
 
   // The id of the newest event given out (what a sleeping watcher resumes from).
   FileEventID currentEventID() const;
@@ -151,10 +153,12 @@ class FileEvents {
   // Blocks until the watches asked for so far are in place and the events
   // read so far are handed on (tools and tests).
   void waitUntilIdle() const;
+  // Behaves as if the kernel's event queue had overflowed (tests).
+  void injectOverflow();
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // shared with work still queued or delayed
 };
 
 }  // namespace quorvi

@@ -48,6 +48,11 @@ std::string xdgDataHome() {
   return value.starts_with("/") ? value : homeDirectory() + "/.local/share";
 }
 
+std::string xdgStateHome() {
+  std::string value = env("XDG_STATE_HOME");
+  return value.starts_with("/") ? value : homeDirectory() + "/.local/state";
+}
+
 std::vector<std::string> xdgDataDirs() {
   std::string value = env("XDG_DATA_DIRS");
   if (value.empty()) value = "/usr/local/share:/usr/share";

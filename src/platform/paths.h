@@ -11,6 +11,7 @@ namespace quorvi {
 std::string homeDirectory();
 std::string xdgConfigHome();  // $XDG_CONFIG_HOME or ~/.config
 std::string xdgDataHome();    // $XDG_DATA_HOME or ~/.local/share
+std::string xdgStateHome();   // $XDG_STATE_HOME or ~/.local/state
 std::vector<std::string> xdgDataDirs();  // $XDG_DATA_DIRS or /usr/local/share:/usr/share
 
 // "~" and "~/x" become the home folder and a path inside it; others unchanged.
