@@ -120,7 +120,7 @@ AppIndexer::AppIndexer(Options options)
 }
 
 AppIndexer::~AppIndexer() {
-  fileEvents_->stopWatching(fileEventWatcherIdentifier_);
+  fileEvents_->stopWatching(fileEventWatcherIdentifier_, /*keepsHistory=*/false);
   {
     std::unique_lock guard(liveness_->mutex);  // waits for work under way
     liveness_->indexer = nullptr;
@@ -255,6 +255,7 @@ void AppIndexer::startWatching() {
     if (paths == watchedPaths_) return;
     watchedPaths_ = paths;
   }
+  if (!options_.watchesFileEvents) return;
   FileWatchOptions watchOptions;
   // Desktop entries may sit in subfolders; bundles are looked for a few
   // levels down, and inside a bundle only its Contents folder matters.

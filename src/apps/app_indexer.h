@@ -65,6 +65,9 @@ class AppIndexer {
     FileEvents* fileEvents = nullptr;      // nullptr: FileEvents::shared()
     bool logsToStandardOutput = false;
     double throttleDelaySeconds = 1.0;
+    // False: no subscription is made (events come only through
+    // handleFileEvents; tests).
+    bool watchesFileEvents = true;
   };
 
   // The process-wide index (standard environment, the shared catalog).

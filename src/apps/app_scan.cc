@@ -60,7 +60,7 @@ void walkForBundles(const std::string& folder, int depth, const BundleScanContex
       if (!inSettingsLocation(path, context.environment) || isExcludedExtension(name)) continue;
       for (const auto& extension : extensionsOfAppexList(path)) {
         if (!seen.insert(extension).second) continue;
-        if (auto entry = bundleApp(extension, context)) out.push_back(std::move(*entry));
+        if (auto entry = bundleApp(extension, context, /*namedBySettingsList=*/true)) out.push_back(std::move(*entry));
       }
       continue;
     }
@@ -125,10 +125,11 @@ std::vector<AppEntry> desktopEntryApps(const DesktopCatalogSnapshot& catalog, co
   return apps;
 }
 
-std::optional<AppEntry> bundleApp(const std::string& bundlePath, const BundleScanContext& context) {
+std::optional<AppEntry> bundleApp(const std::string& bundlePath, const BundleScanContext& context,
+                                  bool namedBySettingsList) {
   std::string name = fileNameOf(bundlePath);
   bool isApplication = name.size() > 4 && name.ends_with(".app");
-  bool inSettings = inSettingsLocation(bundlePath, context.environment);
+  bool inSettings = namedBySettingsList || inSettingsLocation(bundlePath, context.environment);
   if (!isApplication && !(inSettings && hasBundleSuffix(name))) return std::nullopt;
   if (!isApplication && isExcludedExtension(name)) return std::nullopt;
   if (!passesCoreServicesFilter(bundlePath, context.environment)) return std::nullopt;

@@ -48,9 +48,11 @@ std::vector<AppEntry> bundleApps(const std::vector<std::string>& scopes, const B
 // The bundles found below one folder (itself included when it is a bundle),
 // by the rules of the location it lies in.
 std::vector<AppEntry> bundleAppsBelow(const std::string& folder, const BundleScanContext& context);
-// The entry of one bundle by the rules of its location; nothing when those
-// rules leave it out or it does not exist.
-std::optional<AppEntry> bundleApp(const std::string& bundlePath, const BundleScanContext& context);
+// The entry of one bundle by the rules of its location (or as a settings
+// extension, for those an ".appexlist" names); nothing when those rules leave
+// it out or it does not exist.
+std::optional<AppEntry> bundleApp(const std::string& bundlePath, const BundleScanContext& context,
+                                  bool namedBySettingsList = false);
 
 std::vector<AppEntry> emulatorApps(const AppEnvironment& environment);
 

@@ -111,13 +111,15 @@ bool DesktopCatalog::isStale(const Signature& signature) const {
 
 void DesktopCatalog::walk(const std::string& root, int rootFd, const std::string& folder,
                           const std::string& idPrefix, int depth, std::vector<FoundFile>& found,
-                          Signature& signature) const {
+                          Signature& signature, std::set<std::pair<dev_t, ino_t>>& visited) const {
   int fd = folder.empty() ? ::dup(rootFd) : ::openat(rootFd, folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
   struct stat folderInfo;
-  if (::fstat(fd, &folderInfo) == 0) {
-    signature.emplace_back(folder.empty() ? root : root + "/" + folder, nanoseconds(folderInfo.st_mtim));
+  if (::fstat(fd, &folderInfo) != 0 || !visited.emplace(folderInfo.st_dev, folderInfo.st_ino).second) {
+    ::close(fd);
+    return;
   }
+  signature.emplace_back(folder.empty() ? root : root + "/" + folder, nanoseconds(folderInfo.st_mtim));
   DIR* dir = ::fdopendir(fd);
   if (!dir) {
     ::close(fd);
@@ -142,7 +144,7 @@ void DesktopCatalog::walk(const std::string& root, int rootFd, const std::string
   ::closedir(dir);
   for (const auto& subfolder : subfolders) {
     std::string name = subfolder.substr(subfolder.rfind('/') + 1);
-    walk(root, rootFd, subfolder, idPrefix + name + "-", depth + 1, found, signature);
+    walk(root, rootFd, subfolder, idPrefix + name + "-", depth + 1, found, signature, visited);
   }
 }
 
@@ -162,7 +164,8 @@ void DesktopCatalog::runRefresh() {
       continue;
     }
     std::vector<FoundFile> found;
-    walk(root, rootFd, "", "", 0, found, signature);
+    std::set<std::pair<dev_t, ino_t>> visited;
+    walk(root, rootFd, "", "", 0, found, signature, visited);
     ::close(rootFd);
     for (auto& file : found) {
       auto& list = candidates[file.desktopId];

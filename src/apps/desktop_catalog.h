@@ -25,6 +25,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -99,8 +100,11 @@ class DesktopCatalog {
 
   void runRefresh();  // on queue_
   bool isStale(const Signature& signature) const;
+  // Folders are entered once each (by device and inode): a link back up
+  // adds nothing.
   void walk(const std::string& root, int rootFd, const std::string& folder, const std::string& idPrefix, int depth,
-            std::vector<FoundFile>& found, Signature& signature) const;
+            std::vector<FoundFile>& found, Signature& signature,
+            std::set<std::pair<dev_t, ino_t>>& visited) const;
 
   std::vector<std::string> directories_;
   std::shared_ptr<DispatchQueue> queue_;

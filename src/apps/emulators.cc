@@ -83,18 +83,27 @@ std::vector<EmulatorDevice> parseSimulatorList(std::string_view text) {
 
 std::vector<EmulatorDevice> listSimulators(const std::string& command, const std::vector<std::string>& searchPath,
                                            std::chrono::milliseconds watchdog) {
-  std::string tool = command.substr(0, command.find(' '));
+  std::size_t space = command.find(' ');
+  std::string tool = command.substr(0, space);
   if (tool.empty()) return {};
-  bool found = tool.front() == '/' ? ::access(tool.c_str(), X_OK) == 0
-                                   : std::any_of(searchPath.begin(), searchPath.end(), [&](const std::string& dir) {
-                                       return ::access((dir + "/" + tool).c_str(), X_OK) == 0;
-                                     });
-  if (!found) return {};
+  std::string path;
+  if (tool.front() == '/') {
+    if (::access(tool.c_str(), X_OK) == 0) path = tool;
+  } else {
+    for (const auto& dir : searchPath) {
+      if (::access((dir + "/" + tool).c_str(), X_OK) == 0) {
+        path = dir + "/" + tool;
+        break;
+      }
+    }
+  }
+  if (path.empty()) return {};  // no tool: nothing is run
+  std::string resolved = path + (space == std::string::npos ? "" : command.substr(space));
   ProcessOptions options;
   options.timeout = watchdog;
   options.captureStandardError = false;
   options.maxOutputBytes = 16u << 20;
-  ProcessResult result = runProcess("/bin/sh", {"-c", command}, options);
+  ProcessResult result = runProcess("/bin/sh", {"-c", resolved}, options);
   if (!result.launched || result.timedOut) return {};
   return parseSimulatorList(result.standardOutput);
 }
