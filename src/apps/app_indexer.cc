@@ -18,6 +18,8 @@ namespace {
 
 constexpr std::size_t kLogCapacity = 500;
 constexpr int kDesktopFolderDepth = 8;
+// Folder times may lag the clock by a tick; a second more is reported.
+constexpr double kFolderTimeGranularity = 1.0;
 
 double secondsSince1970() {
   using namespace std::chrono;
@@ -113,14 +115,13 @@ AppIndexer::AppIndexer(Options options)
     ownCatalog_ = std::make_unique<DesktopCatalog>(options_.environment.applicationDirectories());
     catalog_ = ownCatalog_.get();
   }
-  fileEvents_ = options_.fileEvents ? options_.fileEvents : &FileEvents::shared();
   static std::atomic<int> instances{0};
   fileEventWatcherIdentifier_ = "com.quorvi.appindex." + std::to_string(instances.fetch_add(1));
   liveness_->indexer = this;
 }
 
 AppIndexer::~AppIndexer() {
-  fileEvents_->stopWatching(fileEventWatcherIdentifier_, /*keepsHistory=*/false);
+  if (watching_) fileEvents().stopWatching(fileEventWatcherIdentifier_, /*keepsHistory=*/false);
   {
     std::unique_lock guard(liveness_->mutex);  // waits for work under way
     liveness_->indexer = nullptr;
@@ -130,6 +131,12 @@ AppIndexer::~AppIndexer() {
 }
 
 // --- state ---
+
+FileEvents& AppIndexer::fileEvents() {
+  // The shared service is started on first use, on the operation queue
+  // (never on the bus thread that may make this index).
+  return options_.fileEvents ? *options_.fileEvents : FileEvents::shared();
+}
 
 std::vector<std::string> AppIndexer::searchScopes() const {
   std::lock_guard guard(stateMutex_);
@@ -203,6 +210,7 @@ void AppIndexer::runScan() {
     scopes = searchScopes_;
   }
   Benchmark benchmark;
+  const double scanStarted = secondsSince1970();
   const AppEnvironment& environment = options_.environment;
   auto catalog = catalog_->refresh();
   std::vector<AppEntry> entries = desktopEntryApps(*catalog, environment, lastUsedReader_.records());
@@ -227,17 +235,20 @@ void AppIndexer::runScan() {
     std::lock_guard guard(stateMutex_);
     isIndexing_ = scanQueued_;
   }
+  // Watching starts before anyone hears of the list, and reports the
+  // folders that changed since the walk began (a file that landed between
+  // the walk and the watch).
+  startWatching(scanStarted - kFolderTimeGranularity);
   NotificationCenter::shared().post(kAppIndexDidUpdate);
   NotificationCenter::shared().post(kAppIndexerStateDidChange);
   for (const auto& handler : handlers) handler(list);
   log("Task finished, indexed " + std::to_string(count) + " of app(s)");
   log("#aindex measure: " + milliseconds(benchmark.elapsed()));
-  startWatching();
 }
 
 // --- change watching ---
 
-void AppIndexer::startWatching() {
+void AppIndexer::startWatching(double reportsFoldersChangedSince) {
   std::vector<std::string> desktopFolders = catalog_->directories();
   std::vector<std::string> others = searchScopes();
   for (const auto& location : settingsLocations(options_.environment)) {
@@ -257,6 +268,7 @@ void AppIndexer::startWatching() {
   }
   if (!options_.watchesFileEvents) return;
   FileWatchOptions watchOptions;
+  watchOptions.reportsFoldersChangedSince = reportsFoldersChangedSince;
   // Desktop entries may sit in subfolders; bundles are looked for a few
   // levels down, and inside a bundle only its Contents folder matters.
   watchOptions.watchesFolder = [desktopFolders, others](std::string_view folder) {
@@ -274,7 +286,8 @@ void AppIndexer::startWatching() {
     return true;
   };
   std::shared_ptr<Liveness> liveness = liveness_;
-  fileEvents_->startWatching(
+  watching_ = true;
+  fileEvents().startWatching(
       paths, fileEventWatcherIdentifier_, fseventQueue_, std::nullopt,
       [liveness](std::vector<FileEvent> events) {
         std::shared_lock guard(liveness->mutex);

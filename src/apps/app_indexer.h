@@ -112,7 +112,8 @@ class AppIndexer {
   void runRemoveBatch();
   void addPath(const std::string& path);
   void requestRemoveBatch();
-  void startWatching();
+  void startWatching(double reportsFoldersChangedSince);
+  FileEvents& fileEvents();
   // The list's desktop entries replaced by those of a refreshed catalog.
   std::vector<AppEntry> withDesktopEntriesRefreshed(std::vector<AppEntry> entries);
   bool isUnderDesktopFolder(const std::string& path) const;
@@ -126,7 +127,7 @@ class AppIndexer {
   Options options_;
   std::unique_ptr<DesktopCatalog> ownCatalog_;
   DesktopCatalog* catalog_;
-  FileEvents* fileEvents_;
+  std::atomic<bool> watching_{false};  // a subscription was made
   LastUsedReader lastUsedReader_;
   std::shared_ptr<Liveness> liveness_;
 

@@ -86,7 +86,10 @@ DesktopCatalogSnapshotRef DesktopCatalog::currentSnapshot() {
 }
 
 DesktopCatalogSnapshotRef DesktopCatalog::refresh() {
-  queue_->sync([this] { runRefresh(); });
+  // Run here rather than handed to the queue and waited for: a thread of the
+  // background pool parked on the queue would leave the parse one thread fewer.
+  std::lock_guard refreshing(refreshLock_);
+  runRefresh();
   std::lock_guard guard(publishLock_);
   return snapshot_;
 }
@@ -97,7 +100,7 @@ void DesktopCatalog::refreshInBackground() {
     if (refreshQueued_) return;
     refreshQueued_ = true;
   }
-  queue_->async([this] { runRefresh(); });
+  queue_->async([this] { refresh(); });
 }
 
 std::size_t DesktopCatalog::lastParsedCount() const { return lastParsed_.load(); }

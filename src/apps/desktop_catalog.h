@@ -10,11 +10,12 @@
 // or parsed claims no id.
 //
 // Readers never wait behind a refresh: the catalog publishes an immutable
-// snapshot, swapped under a short lock. Refreshes run one at a time on the
-// catalog's own serial queue (background quality of service) and parse only
-// the files that changed since the last one (same device, inode, size and
-// modification time are taken as unchanged). A cold read parses the files
-// on the background pool in parallel.
+// snapshot, swapped under a short lock. Refreshes run one at a time (on the
+// thread that asks for one, or on the catalog's serial queue of background
+// quality of service for refreshInBackground) and parse only the files that
+// changed since the last one (same device, inode, size and modification time
+// are taken as unchanged). A cold read parses the files on the background
+// pool in parallel.
 #pragma once
 
 #include <sys/types.h>
@@ -72,8 +73,9 @@ class DesktopCatalog {
   // As snapshot(); when a folder changed since it was taken (a few stat
   // calls tell), a refresh is queued and this answer does not wait for it.
   DesktopCatalogSnapshotRef currentSnapshot();
-  // Reads the folders now, on the catalog's queue, and answers the snapshot
-  // published by it (the same one when nothing changed).
+  // Reads the folders now, on the calling thread (after a refresh under way
+  // elsewhere), and answers the snapshot published by it (the same one when
+  // nothing changed). Background work only: it reads the disk.
   DesktopCatalogSnapshotRef refresh();
   void refreshInBackground();
 
@@ -98,7 +100,7 @@ class DesktopCatalog {
   };
   using Signature = std::vector<std::pair<std::string, int64_t>>;  // folder, modification time
 
-  void runRefresh();  // on queue_
+  void runRefresh();  // under refreshLock_
   bool isStale(const Signature& signature) const;
   // Folders are entered once each (by device and inode): a link back up
   // adds nothing.
@@ -116,7 +118,7 @@ class DesktopCatalog {
 
   std::mutex firstReadLock_;  // only the very first read waits on it
 
-  // Owned by queue_:
+  std::mutex refreshLock_;  // one refresh at a time; guards the fields below
   std::map<std::string, CachedFile> cache_;
   uint64_t generation_ = 0;
   std::atomic<std::size_t> lastParsed_{0};

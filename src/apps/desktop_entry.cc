@@ -30,7 +30,15 @@ const std::array<std::vector<const char*>, 3> kLocales = {{
 constexpr std::array<SupportedLanguage, 3> kLanguages = {SupportedLanguage::english, SupportedLanguage::chinese,
                                                          SupportedLanguage::traditionChinese};
 
+// Lookups ask whether the key is there first: a lookup of a missing key
+// has GLib translate its error message even when nobody takes the error,
+// which costs more than the whole parse of an entry's few present keys.
+bool hasKey(GKeyFile* file, const std::string& key) {
+  return g_key_file_has_key(file, kGroup, key.c_str(), nullptr) == TRUE;
+}
+
 std::optional<std::string> stringValue(GKeyFile* file, const std::string& key) {
+  if (!hasKey(file, key)) return std::nullopt;
   gchar* value = g_key_file_get_string(file, kGroup, key.c_str(), nullptr);
   if (!value) return std::nullopt;
   std::string text(value);
@@ -39,6 +47,7 @@ std::optional<std::string> stringValue(GKeyFile* file, const std::string& key) {
 }
 
 std::optional<std::vector<std::string>> listValue(GKeyFile* file, const std::string& key) {
+  if (!hasKey(file, key)) return std::nullopt;
   gsize length = 0;
   gchar** values = g_key_file_get_string_list(file, kGroup, key.c_str(), &length, nullptr);
   if (!values) return std::nullopt;
@@ -51,6 +60,7 @@ std::optional<std::vector<std::string>> listValue(GKeyFile* file, const std::str
 }
 
 bool booleanValue(GKeyFile* file, const char* key) {
+  if (!hasKey(file, key)) return false;
   return g_key_file_get_boolean(file, kGroup, key, nullptr) == TRUE;
 }
 
@@ -75,7 +85,39 @@ bool isKdeSettingsModule(GKeyFile* file, const DesktopEntry& entry) {
          program == "kcmshell6";
 }
 
+// Whether a line is "Key[locale]=..." with a locale the service never uses.
+bool isUnusedTranslation(std::string_view line) {
+  std::size_t start = line.find_first_not_of(" \t");
+  if (start == std::string_view::npos || line[start] == '[' || line[start] == '#') return false;
+  std::size_t equals = line.find('=', start);
+  std::size_t open = line.find('[', start);
+  if (equals == std::string_view::npos || open == std::string_view::npos || open > equals || open == start) {
+    return false;
+  }
+  std::size_t close = line.find(']', open);
+  if (close == std::string_view::npos || close > equals) return false;
+  std::string_view locale = line.substr(open + 1, close - open - 1);
+  if (locale.size() < 2) return false;
+  bool kept = locale.starts_with("zh") || locale.starts_with("en");
+  if (kept && locale.size() > 2 && locale[2] != '_' && locale[2] != '@' && locale[2] != '.') kept = false;
+  return !kept;
+}
+
 }  // namespace
+
+std::string withoutUnusedTranslations(std::string_view bytes) {
+  std::string kept;
+  kept.reserve(bytes.size());
+  std::size_t start = 0;
+  while (start < bytes.size()) {
+    std::size_t end = bytes.find('\n', start);
+    std::size_t next = end == std::string_view::npos ? bytes.size() : end + 1;
+    std::string_view line = bytes.substr(start, next - start);
+    if (!isUnusedTranslation(line)) kept.append(line);
+    start = next;
+  }
+  return kept;
+}
 
 std::vector<std::string> DesktopEntry::urlSchemes() const {
   constexpr std::string_view kPrefix = "x-scheme-handler/";
@@ -96,9 +138,10 @@ std::string DesktopEntry::idStem() const {
 
 std::optional<DesktopEntry> parseDesktopEntry(std::string_view bytes, std::string desktopId, std::string filePath) {
   KeyFile file(g_key_file_new());
-  // Every translation is kept: the service answers in its own language,
-  // not the process locale's.
-  if (!g_key_file_load_from_data(file.get(), bytes.data(), bytes.size(), G_KEY_FILE_KEEP_TRANSLATIONS, nullptr)) {
+  // The translations left are all kept: the service answers in its own
+  // language, not the process locale's.
+  std::string text = withoutUnusedTranslations(bytes);
+  if (!g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_KEEP_TRANSLATIONS, nullptr)) {
     return std::nullopt;
   }
   if (!g_key_file_has_group(file.get(), kGroup)) return std::nullopt;

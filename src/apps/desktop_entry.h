@@ -64,6 +64,14 @@ struct DesktopEntry {
   std::string idStem() const;
 };
 
+// Translations the service never shows are dropped before GLib reads the
+// bytes: a desktop's entries carry their name, comment and actions in up to
+// a hundred languages, and building those costs most of a parse. A line is
+// dropped whole, and only when it is a localized key ("Key[locale]=...")
+// whose locale is neither Chinese ("zh...") nor English ("en..."); every
+// other line reaches GLib as it was.
+std::string withoutUnusedTranslations(std::string_view bytes);
+
 // Nothing when the bytes hold no [Desktop Entry] group, when GLib rejects
 // them (not UTF-8, malformed lines), or when an entry lacks Type or Name.
 std::optional<DesktopEntry> parseDesktopEntry(std::string_view bytes, std::string desktopId, std::string filePath);

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "app_fixture.h"
+#include "apps/app_records.h"
 #include "apps/app_scan.h"
 #include "apps/bundle_reader.h"
 #include "apps/emulators.h"
@@ -380,6 +381,35 @@ TEST(LastUsed, EachSourceAndTheMostRecentWins) {
                              "<application id=\"kate.desktop\" last-seen=\"18000000000\"/>"
                              "</context></application-state>");
   EXPECT_EQ(reader.records().byDesktopId["kate.desktop"], 18000000000.0);
+}
+
+TEST(InstalledAppRecords, DesktopFilesAndBundles) {
+  AppFixture fixture;
+  std::string desktop = fixture.writeUserEntry(
+      "org.example.Notes.desktop",
+      AppFixture::entryText("Notes", "Name[zh_CN]=笔记\nCategories=Office;TextEditor;\nVersion=1.5\n"));
+  auto record = installedAppRecord(desktop, SupportedLanguage::chinese);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->desktopId, "org.example.Notes.desktop");
+  EXPECT_EQ(record->bundleIdentifier, "org.example.Notes.desktop");
+  EXPECT_EQ(record->name, "笔记");
+  EXPECT_EQ(record->categories, (std::vector<std::string>{"Office", "TextEditor"}));
+  EXPECT_EQ(record->version, "");  // Version is the format's, not the application's
+  std::string bundle = fixture.writeBundle(
+      fixture.root() + "/Apps/Tool.app",
+      "<key>CFBundleIdentifier</key><string>com.example.tool</string>"
+      "<key>CFBundleShortVersionString</key><string>2.4.1</string><key>CFBundleVersion</key><string>241</string>"
+      "<key>LSApplicationCategoryType</key><string>public.app-category.developer-tools</string>");
+  record = installedAppRecord(bundle, SupportedLanguage::english);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->desktopId, "");
+  EXPECT_EQ(record->bundleIdentifier, "com.example.tool");
+  EXPECT_EQ(record->name, "Tool");
+  EXPECT_EQ(record->version, "2.4.1");
+  EXPECT_EQ(record->categories, (std::vector<std::string>{"public.app-category.developer-tools"}));
+  EXPECT_EQ(record->lastUsedTimestamp, 0);
+  EXPECT_FALSE(installedAppRecord(fixture.root() + "/missing.desktop", SupportedLanguage::english));
+  EXPECT_FALSE(installedAppRecord(fixture.write("plain.txt", "x"), SupportedLanguage::english));
 }
 
 }  // namespace

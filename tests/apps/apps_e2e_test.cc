@@ -115,7 +115,7 @@ TEST_F(AppsOverTheBus, AppsInstalledEditedAndRemovedWhileRunning) {
   std::string installed = userApplications() + "/org.example.New.desktop";
   auto started = std::chrono::steady_clock::now();
   home_.write(".local/share/applications/org.example.New.desktop", entryText("New App"));
-  ASSERT_TRUE(seen([&](const Json& list) { return withPath(list, installed) != nullptr; }));
+  ASSERT_TRUE(seen([&](const Json& list) { return withPath(list, installed) != nullptr; })) << service_->output();
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   RecordProperty("install_seen_after_seconds", std::to_string(seconds));
   std::printf("an installed entry was in #4 after %.2f s\n", seconds);
