@@ -9,14 +9,17 @@ packages=(
   # libraries
   libsystemd-dev libasio-dev nlohmann-json3-dev libsqlite3-dev libicu-dev
   libgtest-dev libgmock-dev
-  # desktop entries (GKeyFile, and GIO for comparison), application bundles' property lists
-  libglib2.0-dev libplist-dev
-  # pinyin table generation (Unihan readings)
-  unicode-data bzip2
+  # metadata queries: MIME types, desktop entries and the recently-used list
+  # (GIO, shared-mime-info); document text (Poppler, libzip, libxml2)
+  libglib2.0-dev shared-mime-info libpoppler-cpp-dev libzip-dev libxml2-dev
+  # application bundles' property lists
+  libplist-dev
+  # pinyin table generation (Unihan readings; words with their readings)
+  unicode-data bzip2 rime-data-pinyin-simp
   # tools the service and its tests run
   dbus-daemon dbus-bin lsof procps sqlite3 python3
   # benchmarks: the tools a user would otherwise run
-  fd-find plocate findutils
+  fd-find plocate findutils poppler-utils
 )
 
 missing=()

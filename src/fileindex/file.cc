@@ -61,6 +61,11 @@ Json PerformanceSnapshot::toJson() const {
   json["staleRecordsRemoved"] = staleRecordsRemoved;
   json["fileEventsHandled"] = fileEventsHandled;
   json["lastChangeTimestamp"] = lastChangeTimestamp;
+  json["watchedFolders"] = watchedFolders;
+  json["sweptFolders"] = sweptFolders;
+  json["watchBudget"] = watchBudget;
+  json["bytesOfWatches"] = bytesOfWatches;
+  json["eventQueueOverflows"] = eventQueueOverflows;
   return json;
 }
 

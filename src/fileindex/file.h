@@ -106,6 +106,11 @@ struct PerformanceSnapshot {
   int64_t staleRecordsRemoved = 0; // records dropped after a search found them gone or ignored
   int64_t fileEventsHandled = 0;   // file-system changes applied (p_changes)
   double lastChangeTimestamp = 0;  // seconds since 1970 of the last change (p_lastChangeTimestamp)
+  int64_t watchedFolders = 0;      // folders kept current by a file watch
+  int64_t sweptFolders = 0;        // folders beyond the watch budget, kept current by sweeps
+  int64_t watchBudget = 0;         // watches the service allows itself
+  int64_t bytesOfWatches = 0;      // memory held for the watched folders
+  int64_t eventQueueOverflows = 0; // times the kernel dropped events (repaired by a sweep)
 
   Json toJson() const;
 };

@@ -16,12 +16,23 @@
 // removal never races a scan. A start supersedes a scan still under way: the
 // older walk stops early and publishes nothing.
 //
+// Upkeep. After a run the index watches its scopes through the file-events
+// service (fsevents/file_events.h) and stays true to the disk: events arrive
+// on "com.quorvi.fsevent" and are noted (file_upkeep.h); a throttler on
+// "com.quorvi.fsevent.operation" (at once after a quiet spell, then at most
+// every 50 ms, and never postponed past half a second by a steady trickle)
+// looks at the places they name on disk and builds a change, which the
+// mutation queue applies (index_editor.h). Every change is a line of the
+// event log. #5 stops the watching and remembers the event id; #6 starts it
+// again from there, so what happened meanwhile is replayed (or, when the
+// history cannot tell it, the scopes are walked again).
+//
 // "com.quorvi.fileIndexStateDidChange" is posted at every state change, at
-// the end of every scan (start or add), and after a scope removal that
-// dropped records (the summary's count changed).
+// the end of every scan (start or add), and after a change that altered the
+// summary's count.
 //
 // Searches read a snapshot of fileRef (a few pointers copied under its lock)
-// and never wait for a scan.
+// and never wait for a scan or a change.
 #pragma once
 
 #include <atomic>
@@ -34,10 +45,15 @@
 #include <vector>
 
 #include "common/dispatch.h"
+#include "common/throttler.h"
 #include "fileindex/file.h"
+#include "fileindex/file_upkeep.h"
 #include "fileindex/filter.h"
+#include "fileindex/index_editor.h"
 #include "fileindex/match_logic.h"
+#include "fileindex/scope_rules.h"
 #include "fileindex/unfairlock_file_array.h"
+#include "fsevents/file_events.h"
 
 namespace quorvi {
 
@@ -63,8 +79,10 @@ class FileIndexer {
  public:
   // The process-wide index (standard home, preferences and settings).
   static FileIndexer& shared();
-  // An index reading its filter inputs from the given environment (tests).
-  explicit FileIndexer(FilterEnvironment environment, bool logsToStandardOutput = false);
+  // An index reading its filter inputs from the given environment, watching
+  // through the given file-events service (null: the shared one) (tests).
+  explicit FileIndexer(FilterEnvironment environment, bool logsToStandardOutput = false,
+                       FileEvents* fileEvents = nullptr);
   ~FileIndexer();
   FileIndexer(const FileIndexer&) = delete;
   FileIndexer& operator=(const FileIndexer&) = delete;
@@ -86,6 +104,7 @@ class FileIndexer {
   State state() const;
   std::vector<std::string> searchScopes() const;
   std::shared_ptr<const Filter> filter() const;
+  std::shared_ptr<const ScopeRules> rules() const;
   PerformanceSnapshot performanceSnapshot() const;
   // Records found so far by the scan under way (0 when none runs).
   int64_t scanProgress() const { return scanProgress_.load(std::memory_order_relaxed); }
@@ -94,6 +113,9 @@ class FileIndexer {
   DispatchQueue& fseventQueue() { return *fseventQueue_; }
   // Blocks until every mutation queued so far has run (tools and tests).
   void waitForPendingChanges();
+  // Blocks until the changes on disk reported so far are in the index
+  // (tools and tests).
+  void waitForUpkeep();
 
   // --- searches (any thread) ---
   // Hits that passed the post-check, in index order. Stale hits are dropped
@@ -114,17 +136,26 @@ class FileIndexer {
   std::vector<File> ideProjects();
   bool isEmpty() const { return fileRef_.count() == 0; }
 
-  // Post-check of hits: unreachable ones are dropped; ones in the trash or now
-  // ignored by the filter are dropped and removed from the index.
+  // Post-check of hits: ones whose path is gone, in the trash or now ignored
+  // by the filter are dropped and removed from the index; one replaced at
+  // its path by another file (an editor's save) is kept and its record
+  // refreshed.
   std::vector<File> checkedHits(const FileSegments& segments, const std::vector<RecordRef>& hits);
 
  private:
   std::vector<File> search(std::string_view query, int64_t maxcount,
                            const std::function<bool(const FileTable&, std::size_t)>& admit);
   std::vector<File> filesNamed(const std::vector<std::string>& suffixes, bool folders, bool files);
-  void runScan(uint64_t generation, std::vector<std::string> scopes, double startTime);
-  void runAdd(uint64_t generation, std::vector<std::string> added, std::vector<std::string> earlier);
+  void runScan(uint64_t generation, double startTime, double startWallTime);
+  void runAdd(uint64_t generation, std::vector<std::string> added);
   void removeStale(std::vector<FileReference> stale);
+  void setScopes(std::vector<std::string> scopes);  // with the filter and rules; under stateMutex_
+  void watch(std::optional<FileEventID> sinceWhen, double changedSince);
+  void handleEvents(std::vector<FileEvent> events);
+  void scheduleUpkeep();
+  void runUpkeep(uint64_t generation);
+  void commit(IndexEditor::Change change, std::vector<std::string> lines, uint64_t generation);
+  void countChanged();
   void post();
   void log(const std::string& line) const;
 
@@ -140,7 +171,10 @@ class FileIndexer {
   std::optional<std::string> indexDescription_;
   bool isExamining_ = false;
   std::shared_ptr<const Filter> filter_;
+  std::shared_ptr<const ScopeRules> rules_;
   std::optional<uint64_t> streamID_;
+  bool watching_ = false;
+  double lastRunSeconds_ = 0;
 
   UnfairlockFileArray fileRef_;
   std::shared_ptr<DispatchQueue> fseventQueue_;
@@ -148,6 +182,14 @@ class FileIndexer {
   std::string fileEventWatcherIdentifier_;
   std::atomic<uint64_t> generation_{0};
   std::atomic<int64_t> scanProgress_{0};
+  FileEvents& fileEvents_;
+  FileUpkeep upkeep_;
+  IndexEditor editor_{fileRef_};
+  std::shared_ptr<Throttler> fseventOperationThrottler_;  // made on first use
+  std::mutex throttleMutex_;
+  double pendingSince_ = 0;  // when the oldest change still waiting was noted (monotonic)
+  std::atomic<bool> commitPending_{false};
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 
   // Performance counters.
   std::atomic<int64_t> runs_{0};

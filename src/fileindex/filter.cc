@@ -231,6 +231,25 @@ bool Filter::ignoresEverythingUnder(std::string_view folder) const {
   return false;
 }
 
+bool Filter::keepsVerdictsBelowWhenMoved(std::string_view from, std::string_view to) const {
+  auto anyEntry = [](const std::vector<CStringRef>& list) {
+    return std::any_of(list.begin(), list.end(), [](const CStringRef& entry) { return !entry.isEmpty(); });
+  };
+  // Rules on whole paths can tell any two places apart.
+  if (anyEntry(ignoreKeywords_) || anyEntry(ignorePaths_) || anyEntry(ignorePackagePaths_) || anyEntry(ignoreFiles_)) {
+    return false;
+  }
+  for (std::string_view path : {from, to}) {
+    if (ignoresEverythingUnder(path)) return false;
+    for (const auto& builtIn : builtInPaths_) {
+      if (isAtOrUnder(path, builtIn.path) || isAtOrUnder(builtIn.path, path)) return false;
+    }
+    std::string_view library = pathOfLibrary_.view();
+    if (!library.empty() && (startsWith(path, library) || startsWith(library, path))) return false;
+  }
+  return true;
+}
+
 std::string Filter::description() const {
   std::string text;
   auto section = [&](const char* header, const std::vector<CStringRef>& list) {

@@ -64,6 +64,11 @@ class Filter {
   // ignored, so a walk need not enter it. Only rules that hold for every
   // descendant once they hold for the folder are used (2, 4, 6, 7, 8).
   bool ignoresEverythingUnder(std::string_view folderPath) const;
+  // True when moving a folder from one path to another leaves every item
+  // below it ignored or not as before, so that an index may move the folder's
+  // records rather than walk it again. Conservative: false whenever a rule
+  // could tell the two places apart.
+  bool keepsVerdictsBelowWhenMoved(std::string_view from, std::string_view to) const;
   // The lists for logs, each under its header line.
   std::string description() const;
 

@@ -272,6 +272,7 @@ std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vec
   HitList hits;
   auto examine = [&](uint32_t segment, std::size_t row) {
     const FileTable& table = *segments[segment];
+    if (!segments[segment].isLive(row)) return;  // removed since the table was built
     if (admit && !admit(table, row)) return;
     if (!MatchLogic::matchesAll(groups, table.matchCString(row))) return;
     hits.add(segments, segment, static_cast<uint32_t>(row));
@@ -280,9 +281,11 @@ std::vector<RecordRef> runMatchLoop(const FileSegments& segments, const std::vec
   // A count of 0 or less stops after the first record examined.
   if (maxcount <= 0) {
     for (uint32_t s = 0; s < segments.size(); ++s) {
-      if (segments[s]->empty()) continue;
-      examine(s, 0);
-      break;
+      for (uint32_t r = 0; r < segments[s]->size(); ++r) {
+        if (!segments[s].isLive(r)) continue;
+        examine(s, r);
+        return hits.take();
+      }
     }
     return hits.take();
   }

@@ -51,7 +51,7 @@ struct RecordRef {
 // index order, deduplicated by file reference. `admit` is the entry point's
 // extra condition (null: none). The loop stops once the hits reach maxcount,
 // tested after every record examined, so a maxcount of 0 or less examines
-// only the first record.
+// only the first record. Dead rows are not records.
 //
 // The result is that of testing every record in turn; the loop only skips
 // records that cannot match: it looks for the group needle least likely to

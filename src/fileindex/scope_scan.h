@@ -1,26 +1,17 @@
-// The scope scan: walks scope folders, drops what the filter ignores, builds
-// one record per remaining item and returns them as a table, newest first.
+// The scope scan: walks folders by the scope rules (scope_rules.h), builds
+// one record per item it records and returns them as a table, newest first.
 //
 // Walking. Folders are read with getdents64 on an O_DIRECTORY descriptor and
 // each kept entry is stat'ed relative to that descriptor (fstatat), so the
 // kernel never resolves a whole path per entry. Folders are spread over the
-// dispatch layer's workers (concurrentPerform); reading, stat'ing and building
-// match texts all happen there. Symlinks are recorded, never followed.
+// background pool's workers; reading, stat'ing and building match texts all
+// happen there. A worker that finds no folder waiting returns its thread to
+// the pool instead of waiting for one: more workers are asked for whenever
+// new folders are found.
 //
-// Options per scope: hidden entries (names beginning with ".") are skipped,
-// and so is everything under them, except in a cloud-drive scope (see
-// cloudDriveScopes()). Package contents are skipped everywhere: a package is
-// a folder whose extension names a bundle (isPackageName()); the package
-// itself is recorded.
-//
-// Ignored folders. A folder the filter ignores is still entered unless the
-// filter says everything under it is ignored too; the result is the same as
-// testing every item one by one, only faster.
-//
-// Overlapping scopes. A scope's item is not recorded again when an earlier
-// scope (earlier in the list, or already in the index) already yields it:
-// that is, it lies under the earlier scope and the earlier scope's walk
-// reaches it (no hidden step it skips, no package on the way).
+// Folders. The result's folder tree holds one entry per folder path: a root
+// that lies inside another root's folders shares that entry, and an item
+// reached by two overlapping walks is recorded once.
 #pragma once
 
 #include <atomic>
@@ -30,7 +21,7 @@
 #include <vector>
 
 #include "fileindex/file_table.h"
-#include "fileindex/filter.h"
+#include "fileindex/scope_rules.h"
 
 namespace quorvi {
 
@@ -39,56 +30,51 @@ enum EnumerationOption : unsigned {
   kSkipsHiddenFiles = 4,
 };
 
-// One scope to walk.
+// One scope to walk, as the options of a directory enumeration.
 struct EnumeratePath {
   std::string path;
   unsigned option = kSkipsPackageDescendants | kSkipsHiddenFiles;
   std::vector<std::string> propertiesKeys;  // none are requested
 };
-
-// Scopes in which hidden files are indexed: the home's
-// "Library/Mobile Documents" (kept for clients that send it), and the sync
-// folders of the cloud-drive clients used on Linux desktops: ~/Nextcloud,
-// ~/ownCloud, ~/Dropbox, ~/OneDrive, ~/pCloudDrive, ~/MEGA, ~/Seafile. A scope
-// gets hidden files only when it equals one of them.
-std::vector<std::string> cloudDriveScopes(const std::string& homeDirectory);
 EnumeratePath enumeratePathFor(const std::string& scope, const std::string& homeDirectory);
-// Folder extensions treated as packages (contents not indexed): app, bundle,
-// framework, plugin, kext, xpc, appex, xcodeproj, xcworkspace, xcassets,
-// photoslibrary, musiclibrary, photolibrary, playground, rtfd, pages,
-// numbers, key, lproj is not one (it is a plain folder).
-bool isPackageName(std::string_view name);
-
-// Drops trailing slashes ("/" stays "/").
-std::string normalizedScope(std::string scope);
 
 struct ScanResult {
-  FileTableRef table;                         // new records, newest first
-  std::shared_ptr<const FolderTree> folders;  // base tree plus the new folders
+  FileTableRef table;                         // the records, newest first
+  std::shared_ptr<const FolderTree> folders;  // its folders; the walked roots are its roots
   bool cancelled = false;
-  std::vector<std::string> walkedScopes;      // scopes that could be opened
+  std::vector<std::string> walkedRoots;       // roots that could be opened
 };
 
 class ScopeScan {
  public:
-  ScopeScan(const Filter& filter, std::string homeDirectory);
+  explicit ScopeScan(const ScopeRules& rules);
   // Stops the walk soon when the value changes away from `expected`.
   void setCancellation(const std::atomic<uint64_t>* generation, uint64_t expected);
   // Counts items recorded so far (for progress displays); may be null.
   void setProgressCounter(std::atomic<int64_t>* counter) { progress_ = counter; }
 
-  // Walks `scopes`; items that `earlierScopes` already yield are left out.
-  // New folder ids continue after those of `base`.
-  ScanResult run(const std::vector<std::string>& scopes, const std::vector<std::string>& earlierScopes,
-                 std::shared_ptr<const FolderTree> base);
+  // Walks every scope of the rules: a run.
+  ScanResult run();
+  // Walks below the given folders (their own entries are not recorded).
+  ScanResult walk(const std::vector<ScanRoot>& roots);
 
  private:
   struct Walk;
-  const Filter& filter_;
-  std::string homeDirectory_;
+  const ScopeRules& rules_;
   const std::atomic<uint64_t>* generation_ = nullptr;
   uint64_t expected_ = 0;
   std::atomic<int64_t>* progress_ = nullptr;
 };
+
+// The file row of one item found on disk (`name` in `folder`), from an
+// lstat of it; the match text is built here. False when it is gone.
+struct ItemRow {
+  double lastUsedTimestamp = 0;
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  bool isDirectory = false;
+  std::string matchText;
+};
+bool readItem(const std::string& path, ItemRow& row);
 
 }  // namespace quorvi

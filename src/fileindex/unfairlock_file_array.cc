@@ -11,7 +11,8 @@ namespace {
 
 // Whether folderPath + "/" + name begins with prefix, without building it.
 bool joinedStartsWith(std::string_view folderPath, std::string_view name, std::string_view prefix) {
-  bool slash = folderPath.empty() || folderPath.back() != '/';
+  if (folderPath.empty()) return false;  // a folder that is gone
+  bool slash = folderPath.back() != '/';
   std::size_t total = folderPath.size() + (slash ? 1 : 0) + name.size();
   if (prefix.size() > total) return false;
   std::size_t head = std::min(prefix.size(), folderPath.size());
@@ -30,20 +31,21 @@ bool joinedStartsWith(std::string_view folderPath, std::string_view name, std::s
 std::size_t UnfairlockFileArray::count() const {
   std::lock_guard guard(unfairlock);
   std::size_t total = 0;
-  for (const auto& table : array) total += table->size();
+  for (const auto& segment : array) total += segment.liveCount();
   return total;
 }
 
 std::size_t UnfairlockFileArray::removeByPrefixes(const std::vector<std::string>& prefixes) {
   if (prefixes.empty()) return 0;
   std::size_t removed = 0;
-  mutate([&](std::vector<FileTableRef>& segments) {
-    for (auto& table : segments) {
-      if (table->empty()) continue;
-      std::vector<std::string> folderPaths = table->folders().allPaths();
-      table = tableWithout(table, [&](std::size_t i) {
-        const std::string& folder = folderPaths[table->folderOf(i)];
-        std::string name = table->name(i);
+  mutate([&](std::vector<Segment>& segments) {
+    if (segments.empty()) return;
+    std::vector<std::string> folderPaths = segments.front()->folders().allPaths();
+    for (auto& segment : segments) {
+      const FileTable& table = *segment;
+      segment = segmentWithout(segment, [&](std::size_t i) {
+        const std::string& folder = folderPaths[table.folderOf(i)];
+        std::string name = table.name(i);
         return std::any_of(prefixes.begin(), prefixes.end(), [&](const std::string& prefix) {
           return joinedStartsWith(folder, name, prefix);
         });
@@ -55,12 +57,17 @@ std::size_t UnfairlockFileArray::removeByPrefixes(const std::vector<std::string>
 
 std::size_t UnfairlockFileArray::removeFiles(const std::vector<FileReference>& references) {
   if (references.empty()) return 0;
-  std::unordered_set<FileReference, FileReferenceHash> doomed(references.begin(), references.end());
+  // By identity and path: another hard link to the same file stays.
+  std::unordered_multiset<FileReference, FileReferenceHash> doomed(references.begin(), references.end());
   std::size_t removed = 0;
-  mutate([&](std::vector<FileTableRef>& segments) {
-    for (auto& table : segments) {
-      table = tableWithout(table, [&](std::size_t i) {
-        return doomed.count(FileReference{table->device(i), table->inode(i), {}}) > 0;
+  mutate([&](std::vector<Segment>& segments) {
+    for (auto& segment : segments) {
+      const FileTable& table = *segment;
+      segment = segmentWithout(segment, [&](std::size_t i) {
+        auto [begin, end] = doomed.equal_range(FileReference{table.device(i), table.inode(i), {}});
+        if (begin == end) return false;
+        const std::string path = table.path(i);
+        return std::any_of(begin, end, [&](const FileReference& reference) { return reference.path == path; });
       }, removed);
     }
   });

@@ -1,8 +1,10 @@
-// UnfairlockFileArray: the index itself, a lock-guarded ordered list of File
-// records. It is an UnfairlockArray of immutable record tables (segments):
-// a run publishes one segment, each added scope appends one, so that reading
-// the whole index under the lock copies a handful of pointers, not a million
-// records. Records are read in segment order, then table order.
+// UnfairlockFileArray: the index itself, a lock-guarded ordered list of
+// record segments (FileTable plus the rows since removed). A run publishes
+// one segment; changes after it add small segments in front and mark rows of
+// older ones dead, so that reading the whole index under the lock copies a
+// handful of pointers, not a million records, and a change never rewrites a
+// big table. Records are read in segment order, then table order, skipping
+// dead rows. Every segment's table uses the same folder tree.
 #pragma once
 
 #include <string>
@@ -13,35 +15,35 @@
 
 namespace quorvi {
 
-using FileSegments = std::vector<FileTableRef>;
-
-class UnfairlockFileArray : public UnfairlockArray<FileTableRef> {
+class UnfairlockFileArray : public UnfairlockArray<Segment> {
  public:
-  // Number of records (not segments).
+  // Number of live records (not segments).
   std::size_t count() const;
-  // Removes, in place and keeping the order of the rest, every record whose
-  // path begins with one of the prefixes (a plain string prefix: removing
-  // "/a/b" also removes "/a/bc"). Returns the number removed.
+  // Marks dead, keeping the order of the rest, every record whose path
+  // begins with one of the prefixes (a plain string prefix: removing "/a/b"
+  // also removes "/a/bc"). Returns the number removed.
   std::size_t removeByPrefixes(const std::vector<std::string>& prefixes);
-  // Removes every record whose reference equals one of the given ones.
+  // Marks dead every record whose reference equals one of the given ones.
   std::size_t removeFiles(const std::vector<FileReference>& references);
 };
 
-// A copy of table without the records for which drop(i) is true; the table
-// itself when none is dropped.
+// The segment with the rows for which drop(row) is true marked dead too.
 template <typename Drop>
-FileTableRef tableWithout(const FileTableRef& table, Drop&& drop, std::size_t& dropped) {
-  std::vector<uint32_t> kept;
-  kept.reserve(table->size());
-  for (std::size_t i = 0; i < table->size(); ++i) {
-    if (!drop(i)) kept.push_back(static_cast<uint32_t>(i));
+Segment segmentWithout(const Segment& segment, Drop&& drop, std::size_t& dropped) {
+  std::shared_ptr<std::vector<uint64_t>> dead;
+  std::size_t count = 0;
+  for (std::size_t row = 0; row < segment->size(); ++row) {
+    if (!segment.isLive(row) || !drop(row)) continue;
+    if (!dead) {
+      dead = segment.dead ? std::make_shared<std::vector<uint64_t>>(*segment.dead)
+                          : std::make_shared<std::vector<uint64_t>>((segment->size() + 63) / 64, 0);
+    }
+    (*dead)[row >> 6] |= uint64_t{1} << (row & 63);
+    ++count;
   }
-  if (kept.size() == table->size()) return table;
-  dropped += table->size() - kept.size();
-  FileTable::Builder builder(table->sharedFolders());
-  builder.reserve(kept.size(), table->arena().size());
-  for (uint32_t i : kept) builder.appendFrom(*table, i);
-  return builder.finish();
+  if (!count) return segment;
+  dropped += count;
+  return Segment{segment.table, std::move(dead), segment.deadCount + count};
 }
 
 }  // namespace quorvi

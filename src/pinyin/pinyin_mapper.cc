@@ -8,6 +8,8 @@
 #include "pinyin/han_readings.h"
 #include "pinyin/polyphone_table.h"
 #include "pinyin/utf8_text.h"
+#include "pinyin/word_index.h"
+#include "pinyin/word_table.h"
 
 namespace quorvi {
 
@@ -144,12 +146,14 @@ PinyinForms formsOf(const std::vector<std::string>& strings) {
 }  // namespace
 
 // The polyphone table with capitalised readings ("Hang"), indexed by code
-// point. Filled in the constructor and read-only afterwards, so lookups need
-// no lock.
+// point, and the word table. Filled in the constructor and read-only
+// afterwards, so lookups need no lock.
 struct PinyinMapper::Table {
   std::vector<std::vector<std::string>> readings;  // empty: not polyphonic
   std::size_t count = 0;
   std::string error;
+  WordIndex words;
+  std::string wordError;
 };
 
 PinyinMapper& PinyinMapper::shared() {
@@ -160,6 +164,10 @@ PinyinMapper& PinyinMapper::shared() {
       std::fprintf(stderr, "quorvifind: pinyin polyphone table not used (%s); each character gets one reading\n",
                    created->tableError().c_str());
     }
+    if (!created->wordTableError().empty()) {
+      std::fprintf(stderr, "quorvifind: pinyin word table not used (%s); words are read character by character\n",
+                   created->wordTableError().c_str());
+    }
     return created;
   }();
   return *mapper;
@@ -167,7 +175,10 @@ PinyinMapper& PinyinMapper::shared() {
 
 PinyinMapper::PinyinMapper() : PinyinMapper(defaultPolyphoneTablePath()) {}
 
-PinyinMapper::PinyinMapper(const std::string& tablePath) : table_(std::make_unique<Table>()) {
+PinyinMapper::PinyinMapper(const std::string& tablePath) : PinyinMapper(tablePath, defaultWordTablePath()) {}
+
+PinyinMapper::PinyinMapper(const std::string& tablePath, const std::string& wordTablePath)
+    : table_(std::make_unique<Table>()) {
   PolyphoneTableReading reading = readPolyphoneTable(tablePath);
   table_->error = std::move(reading.error);
   table_->readings.resize(kChineseCodePointCount);
@@ -176,6 +187,11 @@ PinyinMapper::PinyinMapper(const std::string& tablePath) : table_(std::make_uniq
     for (const auto& plain : readings) slot.push_back(capitalizedReading(plain));
     ++table_->count;
   }
+  WordTableReading words = readWordTable(wordTablePath);
+  table_->wordError = std::move(words.error);
+  table_->words = WordIndex(words.words, [this](char32_t character) -> const std::vector<std::string>& {
+    return table_->readings[character - kFirstChineseCodePoint];
+  });
 }
 
 PinyinMapper::~PinyinMapper() = default;
@@ -183,6 +199,10 @@ PinyinMapper::~PinyinMapper() = default;
 std::size_t PinyinMapper::polyphoneCount() const { return table_->count; }
 
 const std::string& PinyinMapper::tableError() const { return table_->error; }
+
+std::size_t PinyinMapper::wordCount() const { return table_->words.size(); }
+
+const std::string& PinyinMapper::wordTableError() const { return table_->wordError; }
 
 bool PinyinMapper::containsChinese(std::string_view text) {
   // U+4E00..U+9FA5 are three-byte sequences led by 0xE4..0xE9; a lead byte
@@ -221,8 +241,18 @@ PinyinForms PinyinMapper::map(std::string_view name) const {
     Utf8Step step = decodeUtf8(text, offset);
     if (step.valid && isChineseCodePoint(step.codePoint)) {
       combinations.addPlainText(text.substr(pendingStart, offset - pendingStart));
-      combinations.addAlternatives(readingsOf(step.codePoint));
-      pendingStart = offset + step.length;
+      // The longest listed word starting here gives its characters their
+      // readings, its own first; any other character reads alone.
+      WordIndex::Match word = table_->words.longestWordAt(text, offset, step.codePoint);
+      if (word.length > 0) {
+        for (std::size_t k = 0; k < word.length; ++k) combinations.addAlternatives(word.readings[k]);
+        offset += word.length * step.length;
+      } else {
+        combinations.addAlternatives(readingsOf(step.codePoint));
+        offset += step.length;
+      }
+      pendingStart = offset;
+      continue;
     }
     offset += step.length;
   }

@@ -9,10 +9,17 @@
 // table (pinyin/polyphone_table.h); every other character takes ICU's one
 // reading, transliterated once per process (pinyin/han_readings.h).
 //
+// Words: a polyphone's first reading is often not the one a word needs (银行
+// is typed "yinhang", 行 alone reads "xing" first). So the Chinese text is
+// cut, left to right, into the longest words of the word table
+// (pinyin/word_table.h), and each character of such a word takes the word's
+// reading first, its other readings after it.
+//
 // Combining: each Chinese character is a segment of alternatives, each run of
 // other text a segment of its own; the strings are the product of the
 // segments in order, except that once there are more than three strings,
-// later segments add only their first reading.
+// later segments add only their first reading. The first string therefore
+// reads every word as the word table has it.
 //
 // Initials keep, of each string before it is lowercased: the capitals (every
 // syllable is capitalised, and capitals of the other text count too) and the
@@ -38,11 +45,16 @@ class PinyinMapper {
  public:
   static PinyinMapper& shared();
 
-  // Reads the polyphone table from the resource directory.
+  // Reads the polyphone and word tables from the resource directory.
   PinyinMapper();
-  // Reads the polyphone table from tablePath. A missing or malformed table
-  // leaves the mapper without one: every character then gets one reading.
+  // Reads the polyphone table from tablePath and the word table from the
+  // resource directory. A missing or malformed polyphone table leaves the
+  // mapper without one: every character then gets one reading.
   explicit PinyinMapper(const std::string& tablePath);
+  // Reads both tables from the paths given. A missing or malformed word
+  // table leaves the mapper without one: words are read character by
+  // character.
+  PinyinMapper(const std::string& tablePath, const std::string& wordTablePath);
   ~PinyinMapper();
   PinyinMapper(const PinyinMapper&) = delete;
   PinyinMapper& operator=(const PinyinMapper&) = delete;
@@ -58,6 +70,10 @@ class PinyinMapper {
   std::size_t polyphoneCount() const;
   // Why the table was not used; empty when it was.
   const std::string& tableError() const;
+  // How many words the word table gave readings for (0 without).
+  std::size_t wordCount() const;
+  // Why the word table was not used; empty when it was.
+  const std::string& wordTableError() const;
 
  private:
   struct Table;

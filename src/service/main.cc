@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/dispatch.h"
+#include "contentindex/content_indexer.h"
 #include "service/bus_server.h"
 #include "service/members.h"
 
@@ -59,6 +60,8 @@ int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
+  // The content index builds in the background once the file index has scopes.
+  quorvi::ContentIndexer::followFileIndex();
   quorvi::BusServer server(options);
   gServer = &server;
   std::promise<std::string> started;

@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "common/dispatch.h"
+#include "contentindex/content_indexer.h"
 #include "fileindex/file_indexer.h"
 #include "service/service_provider.h"
 
@@ -110,7 +111,11 @@ void ServiceProvider::getDirectoryFiles(std::string directory, bool skipHiddenFi
 }
 
 void ServiceProvider::getPerformanceSnapshotWithCompletion(Reply reply) {
-  reply.sendJson(indexer().performanceSnapshot().toJson());
+  Json json = indexer().performanceSnapshot().toJson();
+  // The content index reports only when it exists (a report never makes it).
+  ContentIndexer* content = ContentIndexer::sharedIfMade();
+  json["contentIndex"] = content ? content->progress().toJson() : ContentIndexProgress{}.toJson();
+  reply.sendJson(json);
 }
 
 }  // namespace quorvi

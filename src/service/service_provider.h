@@ -13,8 +13,9 @@
 //   provider_apps.cc     app index: #2–#4
 //   provider_zotero.cc   Zotero: #28, #29
 //   provider_processes.cc processes: #33
-//   provider_lookups.cc  recent, metadata, attributes, text recognition, contacts:
-//                        #11, #21–#25, #27, #30
+//   provider_spotlight.cc recent files and documents, metadata queries,
+//                        attributes: #11, #21–#25
+//   provider_lookups.cc  text recognition, contacts: #27, #30
 #pragma once
 
 #include <cstdint>

@@ -18,6 +18,7 @@
 #include "common/dispatch.h"
 #include "common/settings.h"
 #include "fileindex/file_indexer.h"
+#include "fsevents/file_events.h"
 #include "support/test_bus.h"
 
 namespace quorvi::testing {
@@ -39,6 +40,20 @@ class MainQueueThread : public ::testing::Environment {
 
 inline void onMain(const std::function<void()>& work) { DispatchQueue::main().sync(work); }
 
+// The file-events service the tests' indexes watch through: its state (the
+// event ids) in a scratch folder, sweeps and rename holds short.
+inline FileEvents& testFileEvents() {
+  static auto* state = new TemporaryDirectory();
+  static auto* events = [] {
+    FileEvents::Options options;
+    options.stateDirectory = state->path();
+    options.moveOutHold = 0.05;
+    options.sweepInterval = 0.2;
+    return new FileEvents(options);
+  }();
+  return *events;
+}
+
 class IndexTree {
  public:
   IndexTree() : home_(dir_.path() + "/home"), settings_(dir_.path() + "/config/settings.json") {
@@ -48,6 +63,10 @@ class IndexTree {
   Settings& settings() { return settings_; }
   std::string preferencesFile() const { return dir_.path() + "/data/Quorvi/Data/Customize/FileIndexIgnorePaths"; }
   FilterEnvironment environment() { return {home_, preferencesFile(), &settings_}; }
+  // An index of this tree's home, watching through the tests' service.
+  std::unique_ptr<FileIndexer> makeIndexer() {
+    return std::make_unique<FileIndexer>(environment(), false, &testFileEvents());
+  }
 
   // Writes home/relative with the modification time given (seconds since 1970).
   std::string file(const std::string& relative, double mtime = 1.6e9, const std::string& contents = "x") {
@@ -101,9 +120,10 @@ inline std::vector<std::string> sorted(std::vector<std::string> v) {
 // Every record of the index, in index order.
 inline std::vector<File> allRecords(FileIndexer& indexer) {
   std::vector<File> files;
-  for (const auto& table : indexer.fileRef().copy()) {
-    for (std::size_t i = 0; i < table->size(); ++i) files.push_back(table->file(i));
-  }
+  indexer.snapshot().forEach([&](const FileTable& table, std::size_t row) {
+    files.push_back(table.file(row));
+    return true;
+  });
   return files;
 }
 

@@ -27,7 +27,7 @@ TEST(IndexerState, NeverIndexedIndexingReadyAndEmptied) {
   IndexTree tree;
   tree.file("d/a.txt");
   tree.file("d/b.txt");
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   StateCounter counter;
   auto never = indexer.state();
   EXPECT_FALSE(never.isIndexing);
@@ -83,7 +83,7 @@ TEST(IndexerState, ANewStartSupersedesAScanUnderWay) {
   IndexTree tree;
   tree.file("one/a.txt");
   tree.file("two/b.txt");
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   std::atomic<bool> release{false};
   indexer.fseventQueue().async([&] { while (!release) std::this_thread::sleep_for(1ms); });
   onMain([&] {
@@ -100,7 +100,7 @@ TEST(IndexerState, ANewStartSupersedesAScanUnderWay) {
 TEST(IndexerRace, SearchesRacingScansAndScopeRemovalsStayConsistent) {
   IndexTree tree;
   for (int i = 0; i < 400; ++i) tree.file("p" + std::to_string(i % 4) + "/d" + std::to_string(i % 9) + "/file" + std::to_string(i) + ".txt");
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   indexScopes(indexer, {"~/p0", "~/p1", "~/p2", "~/p3"});
   std::atomic<bool> done{false};
   std::atomic<long> searches{0};

@@ -22,7 +22,7 @@ class ScanTest : public ::testing::Test {
     return sorted(paths);
   }
   IndexTree tree_;
-  FileIndexer indexer_{tree_.environment()};
+  FileIndexer indexer_{tree_.environment(), false, &testFileEvents()};
 };
 
 TEST_F(ScanTest, HiddenFilesOnlyInsideTheCloudDriveScopeAndPackageContentsNowhere) {
@@ -135,13 +135,41 @@ TEST_F(ScanTest, AddAndRemoveScopesWithTildeAndThePlainPrefixRule) {
   indexer_.waitForPendingChanges();
   EXPECT_EQ(sorted(namesOf(allRecords(indexer_))), (std::vector<std::string>{"three.txt"}));
   EXPECT_EQ(indexer_.searchScopes(), (std::vector<std::string>{tree_.home() + "/ab", tree_.home() + "/c"}));
-  // Adding a scope around indexed ones records nothing twice: ~/c's file is
-  // not recorded again, and neither is ~/ab's (still a scope, though its
-  // records went with ~/a).
+  // Adding a scope around indexed ones records nothing twice, and records
+  // what the index lacks: ~/c's file once, ~/ab's again (its records went
+  // with ~/a), and the folders themselves.
   onMain([&] { indexer_.addSearchScopes({"~"}); });
   indexer_.waitForPendingChanges();
   EXPECT_EQ(sorted(namesOf(allRecords(indexer_))),
-            (std::vector<std::string>{"a", "ab", "c", "one.txt", "three.txt"}));
+            (std::vector<std::string>{"a", "ab", "c", "one.txt", "three.txt", "two.txt"}));
+}
+
+// A trailing slash makes the prefix a folder: removing "~/c/" keeps the
+// records of a sibling scope "~/cd".
+TEST_F(ScanTest, ARemovedScopeWithATrailingSlashKeepsItsSiblings) {
+  tree_.file("c/three.txt");
+  tree_.file("cd/four.txt");
+  indexScopes(indexer_, {"~/c", "~/cd"});
+  onMain([&] { indexer_.removeSearchScopes({"~/c/"}); });
+  indexer_.waitForUpkeep();
+  EXPECT_EQ(sorted(namesOf(allRecords(indexer_))), (std::vector<std::string>{"four.txt"}));
+  EXPECT_EQ(indexer_.searchScopes(), (std::vector<std::string>{tree_.home() + "/cd"}));
+  EXPECT_EQ(indexer_.state().indexResultDescription->countOfFiles, 1);
+}
+
+// Adding a scope around an indexed one finds what the index lacks, whatever
+// the disk looked like when the inner scope was indexed.
+TEST_F(ScanTest, AnAddedScopeDecidesByWhatTheIndexHolds) {
+  tree_.file("w/sub/old.txt");
+  tree_.file("w/top.txt");
+  indexScopes(indexer_, {"~/w/sub"});
+  tree_.file("w/sub/new.txt");  // after the inner scan, before the add
+  onMain([&] { indexer_.addSearchScopes({"~/w"}); });
+  indexer_.waitForPendingChanges();
+  EXPECT_EQ(sorted(namesOf(allRecords(indexer_))), (std::vector<std::string>{"new.txt", "old.txt", "sub", "top.txt"}));
+  EXPECT_EQ(namesOf(indexer_.searchFiles("new", 10)), std::vector<std::string>{"new.txt"});
+  EXPECT_EQ(indexer_.state().indexResultDescription->countOfFiles, 4);
+  EXPECT_TRUE(indexer_.state().indexDescription->starts_with("#fs ends 4 in ")) << *indexer_.state().indexDescription;
 }
 
 TEST_F(ScanTest, CallsOffTheMainThreadDoNothing) {
@@ -171,7 +199,7 @@ TEST(ProjectLists, WorkspacesIdeProjectsAndDirectoryEntries) {
   tree.file("code/vendor.sln/readme.txt");  // a folder named like a project file
   tree.file("code/node_modules/x/y.code-workspace");
   tree.file("code/.hidden.txt");
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   indexScopes(indexer, {"~/code"});
   EXPECT_EQ(sorted(namesOf(indexer.codeWorkspaces())), (std::vector<std::string>{"Old.CODE-WORKSPACE", "site.code-workspace"}));
   EXPECT_EQ(sorted(namesOf(indexer.ideProjects())), (std::vector<std::string>{"App.xcodeproj", "Game.sln", "tool.kdev4"}));

@@ -61,7 +61,7 @@ class SearchTest : public ::testing::Test {
     indexScopes(indexer_, {tree_.home() + "/s"});
   }
   IndexTree tree_;
-  FileIndexer indexer_{tree_.environment()};
+  FileIndexer indexer_{tree_.environment(), false, &testFileEvents()};
 };
 
 TEST_F(SearchTest, AndOrGroupsInIndexOrder) {
@@ -109,12 +109,13 @@ TEST_F(SearchTest, HardLinksToOneFileGiveOneHit) {
   EXPECT_EQ(indexer_.searchFiles("notes", 100).size(), 1u);
 }
 
-TEST_F(SearchTest, GoneFilesAreDroppedAndIgnoredOnesAreRemovedFromTheIndex) {
-  // Gone: not returned, but not repaired here either.
+TEST_F(SearchTest, GoneAndIgnoredHitsAreDroppedAndRemovedAndReplacedOnesRefreshed) {
+  // Gone: not returned, and removed so that it stops taking result slots.
   ::unlink((tree_.home() + "/s/r4-report-draft.txt").c_str());
   EXPECT_EQ(namesOf(indexer_.searchFiles("draft", 100)), std::vector<std::string>{});
   indexer_.waitForPendingChanges();
-  EXPECT_EQ(allRecords(indexer_).size(), 9u);
+  EXPECT_EQ(allRecords(indexer_).size(), 8u);
+  EXPECT_EQ(namesOf(indexer_.searchFiles("report", 1)), std::vector<std::string>{"r1-report-2024.txt"});
   // Ignored after indexing: dropped and removed in the background.
   tree_.writePreferences(R"({"ignoreKeywords": ["2023"]})");
   onMain([&] { indexer_.addSearchScopes({}); });  // rebuilds the filter
@@ -122,13 +123,30 @@ TEST_F(SearchTest, GoneFilesAreDroppedAndIgnoredOnesAreRemovedFromTheIndex) {
             (std::vector<std::string>{"r1-report-2024.txt", "r5-reports"}));
   indexer_.waitForPendingChanges();
   EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/s/r2-report-2023.txt"));
-  EXPECT_EQ(allRecords(indexer_).size(), 8u);
-  EXPECT_EQ(indexer_.performanceSnapshot().staleRecordsRemoved, 1);
+  EXPECT_EQ(allRecords(indexer_).size(), 7u);
+  EXPECT_EQ(indexer_.performanceSnapshot().staleRecordsRemoved, 2);
+  // Saved the way editors save (a new file renamed over the old one): still
+  // found, under its path, and its record takes the new file's identity.
+  const std::string path = tree_.home() + "/s/r1-report-2024.txt";
+  tree_.file("s/r1-report-2024.txt.tmp", 1.75e9, "new text");
+  ASSERT_EQ(::rename((path + ".tmp").c_str(), path.c_str()), 0);
+  auto hits = indexer_.searchFiles("2024", 10);
+  ASSERT_EQ(namesOf(hits), std::vector<std::string>{"r1-report-2024.txt"});
+  EXPECT_TRUE(hits[0].fileRefURL.isReachable());
+  indexer_.waitForUpkeep();
+  EXPECT_TRUE(indexer_.containsFile(path));
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  bool renewed = false;
+  for (const auto& file : allRecords(indexer_)) {
+    if (file.fileRefURL.path == path) renewed = file.fileRefURL.inode == st.st_ino && file.lastUsedTimestamp == 1.75e9;
+  }
+  EXPECT_TRUE(renewed);
 }
 
 TEST(TrashSearch, HitsInTheTrashAreNeitherReturnedNorKept) {
   IndexTree tree;
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   tree.file(".local/share/Trash/files/old-plan.txt");
   tree.file("Nextcloud/.Trash/old-draft.txt");
   indexScopes(indexer, {"~/.local/share/Trash/files", "~/Nextcloud"});
@@ -153,7 +171,7 @@ TEST(MatchLoop, AgreesWithTheRecordByRecordLoopOnRandomNamesAndQueries) {
     // Hard links: one file under two names, which the loop must report once.
     if (i % 10 == 0) ::link(path.c_str(), (tree.home() + "/r/" + std::to_string((i + 3) % 7) + "/l" + name).c_str());
   }
-  FileIndexer indexer(tree.environment());
+  FileIndexer indexer(tree.environment(), false, &testFileEvents());
   indexScopes(indexer, {tree.home() + "/r"});
   onMain([&] { indexer.addSearchScopes({tree.home() + "/r/3"}); });  // covered already: adds nothing
   indexer.waitForPendingChanges();

@@ -132,8 +132,9 @@ class Mirror {
       paths_ = walk(root_);
       return;
     }
-    if (event.path.empty() || event.path == root_) {
-      if (event.has(kFileEventRemoved) || event.has(kFileEventMustScanSubDirs)) paths_ = walk(root_);
+    if (event.path.empty()) return;
+    if (event.path == root_ && (event.has(kFileEventRemoved) || event.has(kFileEventMustScanSubDirs))) {
+      paths_ = walk(root_);
       return;
     }
     if (event.has(kFileEventRenamed)) {

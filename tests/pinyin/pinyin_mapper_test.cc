@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "pinyin/han_readings.h"
+#include "pinyin/polyphone_table.h"
 #include "pinyin/utf8_text.h"
 #include "pinyin_test_support.h"
 
@@ -15,9 +16,9 @@ namespace {
 
 using testing::contains;
 
-// A mapper without the polyphone table: every character has one reading.
+// A mapper without tables: every character has one reading.
 const PinyinMapper& mapperWithoutTable() {
-  static PinyinMapper mapper("/nonexistent/PinyinDuoyinzi.json");
+  static PinyinMapper mapper("/nonexistent/PinyinDuoyinzi.json", "/nonexistent/PinyinWords.txt");
   return mapper;
 }
 
@@ -99,11 +100,14 @@ TEST(PinyinMapperTest, PolyphonesGiveTheUsualReadings) {
   EXPECT_EQ(mapperWithoutTable().map("银行").fullPinyins.size(), 1u);
   EXPECT_EQ(mapperWithoutTable().polyphoneCount(), 0u);
   EXPECT_FALSE(mapperWithoutTable().tableError().empty());
+  EXPECT_EQ(mapperWithoutTable().wordCount(), 0u);
+  EXPECT_FALSE(mapperWithoutTable().wordTableError().empty());
 }
 
 TEST(PinyinMapperTest, ProductStopsGrowingPastThreeStrings) {
   testing::TemporaryFolder folder;
-  PinyinMapper mapper(folder.write("table.json", R"({"行":["xing","hang","heng"],"重":["zhong","chong"]})"));
+  PinyinMapper mapper(folder.write("table.json", R"({"行":["xing","hang","heng"],"重":["zhong","chong"]})"),
+                      folder.write("words.txt", ""));
   ASSERT_EQ(mapper.polyphoneCount(), 2u);
   // 3 strings is not more than three, so the second 行 still multiplies them.
   PinyinForms rows = mapper.map("行行行行");
@@ -121,6 +125,61 @@ TEST(PinyinMapperTest, ProductStopsGrowingPastThreeStrings) {
   std::string manyPolyphones;
   for (int i = 0; i < 200; ++i) manyPolyphones += i % 2 ? "行" : "重";
   EXPECT_EQ(mapper.map(manyPolyphones).fullPinyins.size(), 6u);
+}
+
+// The cases that a reading character by character gets wrong: the string the
+// cut keeps first reads each word as it is typed, the other readings follow.
+TEST(PinyinMapperTest, WordsGiveTheTypedReadingFirst) {
+  const auto& mapper = PinyinMapper::shared();
+  ASSERT_GT(mapper.wordCount(), 0u) << mapper.wordTableError();
+  const std::pair<const char*, const char*> typed[] = {
+      {"银行", "yinhang"}, {"还款", "huankuan"}, {"长沙", "changsha"}, {"行长", "hangzhang"},
+      {"行业", "hangye"},  {"调研", "diaoyan"},  {"地图", "ditu"},     {"朝阳", "chaoyang"},
+  };
+  for (const auto& [name, reading] : typed) {
+    PinyinForms forms = mapper.map(name);
+    ASSERT_FALSE(forms.fullPinyins.empty()) << name;
+    EXPECT_EQ(forms.fullPinyins.front(), reading) << name;
+  }
+  EXPECT_TRUE(contains(mapper.map("银行").fullPinyins, "yinxing"));
+  // Past the cut only first readings are left: they must be the words' own.
+  PinyinForms statement = mapper.map("中国工商银行长沙分行还款计划.pdf");
+  EXPECT_EQ(statement.fullPinyins.front(), "zhongguogongshangyinhangchangshafenhanghuankuanjihua.pdf");
+  EXPECT_EQ(statement.initials.front(), "zggsyhcsfhhkjh");
+  EXPECT_LE(statement.fullPinyins.size(), 9u);
+}
+
+TEST(PinyinMapperTest, LongestWordFromTheLeftReadsFirst) {
+  testing::TemporaryFolder folder;
+  PinyinMapper mapper(folder.write("table.json", R"({"行":["xing","hang","heng"],"长":["zhang","chang"]})"),
+                      folder.write("words.txt", "银行 yin hang\n行长 hang zhang\n长城 chang cheng\n"
+                                                "行长城 xing chang cheng\n"));
+  ASSERT_EQ(mapper.wordCount(), 4u) << mapper.wordTableError();
+  // The word's reading first, then the character's other readings in order.
+  EXPECT_EQ(mapper.map("银行").fullPinyins, (std::vector<std::string>{"yinhang", "yinxing", "yinheng"}));
+  EXPECT_EQ(mapper.map("行长").fullPinyins.front(), "hangzhang");
+  EXPECT_EQ(mapper.map("行长城").fullPinyins.front(), "xingchangcheng");  // longest
+  EXPECT_EQ(mapper.map("银行长城").fullPinyins.front(), "yinhangchangcheng");
+  EXPECT_EQ(mapper.map("银行长").fullPinyins.front(), "yinhangzhang");  // 行 belongs to 银行
+  EXPECT_EQ(mapper.map("长行长").fullPinyins.front(), "zhanghangzhang");
+  // Words lie within one run of Chinese characters.
+  EXPECT_EQ(mapper.map("银 行").fullPinyins.front(), "yin xing");
+  EXPECT_EQ(mapper.map("银\xff行").fullPinyins.front(), "yin\xffxing");
+  EXPECT_EQ(mapper.map("报告银行2").fullPinyins.front(), "baogaoyinhang2");
+  EXPECT_EQ(mapper.map("银\xe8\xa1").fullPinyins, std::vector<std::string>{"yin\xe8\xa1"});  // 行 cut short
+  EXPECT_EQ(mapper.map("x行").fullPinyins.front(), "xxing");
+}
+
+TEST(PinyinMapperTest, WordsWorkWithoutThePolyphoneTable) {
+  testing::TemporaryFolder folder;
+  PinyinMapper mapper("/nonexistent/PinyinDuoyinzi.json", folder.write("words.txt", "银行 yin hang\n"));
+  EXPECT_EQ(mapper.map("银行").fullPinyins, std::vector<std::string>{"yinhang"});
+  EXPECT_EQ(mapper.map("银行").initials, std::vector<std::string>{"yh"});
+  // A broken word table is not used at all.
+  PinyinMapper broken(defaultPolyphoneTablePath(), folder.write("broken.txt", "银行 yin hang\n行长 hang\n"));
+  EXPECT_EQ(broken.wordCount(), 0u);
+  EXPECT_NE(broken.wordTableError().find("line 2"), std::string::npos) << broken.wordTableError();
+  EXPECT_EQ(broken.map("银行").fullPinyins.front(), "yinxing");
 }
 
 TEST(PinyinMapperTest, CommonWordsAreReplacedBeforeReading) {

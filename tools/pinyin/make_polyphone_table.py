@@ -20,6 +20,8 @@ Output: one JSON object, keys in code point order, one row per line:
 
 Usage: make_polyphone_table.py [--unihan FILE] [--output FILE] [--compare REF]
 --compare prints how far the table agrees with another table of the same shape.
+The word table (make_word_table.py) is chosen against this table's first
+readings: rebuild it after this one.
 """
 import argparse
 import bz2
