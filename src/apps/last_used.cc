@@ -107,7 +107,7 @@ std::map<std::string, double> readKdeResourceScores(const std::string& databaseP
   return times;
 }
 
-std::vector<LastUsedRecords::RecentApplication> parseRecentlyUsed(std::string_view xbel) {
+std::vector<LastUsedRecords::RecentApplication> parseRecentlyUsedApplications(std::string_view xbel) {
   std::vector<LastUsedRecords::RecentApplication> applications;
   std::unique_ptr<GBookmarkFile, decltype(&g_bookmark_file_free)> bookmarks(g_bookmark_file_new(),
                                                                            &g_bookmark_file_free);
@@ -171,7 +171,7 @@ LastUsedRecords LastUsedReader::records() {
   if (recent_.changed()) {
     auto bytes = recent_.size >= 0 ? readRegularFile(recent_.path, kStateFileCap) : std::nullopt;
     recentRecords_.recentApplications =
-        bytes ? parseRecentlyUsed(*bytes) : std::vector<LastUsedRecords::RecentApplication>{};
+        bytes ? parseRecentlyUsedApplications(*bytes) : std::vector<LastUsedRecords::RecentApplication>{};
   }
   LastUsedRecords combined = gnomeRecords_;
   for (const auto& [id, time] : kdeRecords_.byDesktopId) keepLatest(combined.byDesktopId, id, time);

@@ -39,7 +39,7 @@ struct LastUsedRecords {
 // Parsers of the three sources (exposed for tests).
 std::map<std::string, double> parseGnomeApplicationState(std::string_view xml);
 std::map<std::string, double> readKdeResourceScores(const std::string& databasePath);
-std::vector<LastUsedRecords::RecentApplication> parseRecentlyUsed(std::string_view xbel);
+std::vector<LastUsedRecords::RecentApplication> parseRecentlyUsedApplications(std::string_view xbel);
 
 class LastUsedReader {
  public:

@@ -348,9 +348,9 @@ TEST(LastUsed, EachSourceAndTheMostRecentWins) {
       "modified=\"2023-11-15T00:00:00Z\" count=\"2\"/>"
       "<bookmark:application name=\"mpv\" exec=\"&apos;mpv %u&apos;\" modified=\"2023-11-10T00:00:00Z\" count=\"1\"/>"
       "</bookmark:applications></metadata></info></bookmark>\n</xbel>\n";
-  auto recent = parseRecentlyUsed(xbel);
+  auto recent = parseRecentlyUsedApplications(xbel);
   ASSERT_EQ(recent.size(), 2u);
-  EXPECT_TRUE(parseRecentlyUsed("<xbel><broken").empty());
+  EXPECT_TRUE(parseRecentlyUsedApplications("<xbel><broken").empty());
 
   LastUsedRecords records;
   records.byDesktopId = gnome;
