@@ -12,6 +12,8 @@ packages=(
   # metadata queries: MIME types, desktop entries and the recently-used list
   # (GIO, shared-mime-info); document text (Poppler, libzip, libxml2)
   libglib2.0-dev shared-mime-info libpoppler-cpp-dev libzip-dev libxml2-dev
+  # application bundles' property lists
+  libplist-dev
   # pinyin table generation (Unihan readings; words with their readings)
   unicode-data bzip2 rime-data-pinyin-simp
   # text recognition: Tesseract with the English and simplified Chinese models

@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "platform/process_runner.h"
+#include "processes/desktop_applications.h"
 #include "processes/proc_files.h"
 #include "processes/text_util.h"
 
@@ -65,15 +67,45 @@ std::string ProcessHelper::completedName(int64_t pid, std::string commandName) c
 
 std::optional<std::string> ProcessHelper::getProcessPathFromPID(int64_t pid) const {
   if (pid <= 0) return std::nullopt;
-  if (auto link = procfs::readLink(procFd_, pidPath(pid, "exe").c_str())) {
-    if (link->size() > kDeletedMark.size() && link->ends_with(kDeletedMark)) {
-      link->resize(link->size() - kDeletedMark.size());
+  char buffer[4096];
+  ssize_t length = ::readlinkat(procFd_, pidPath(pid, "exe").c_str(), buffer, sizeof buffer);
+  if (length >= 0 && size_t(length) < sizeof buffer) {
+    std::string link(buffer, size_t(length));
+    if (link.size() > kDeletedMark.size() && link.ends_with(kDeletedMark)) {
+      link.resize(link.size() - kDeletedMark.size());
     }
     return link;
   }
+  // Without a command line it is a kernel thread (no executable) or a
+  // process that has ended; with one, the link was not ours to read.
   auto first = firstArgument(pid);
-  if (first && first->front() == '/') return first->substr(0, first->find(' '));
-  return std::nullopt;
+  if (!first) return std::nullopt;
+  if (first->front() == '/') return first->substr(0, first->find(' '));
+  // A program that rewrote its command line ("sshd: alice") or was started
+  // by a bare name: look the name up where programs live.
+  std::string word = text::lastPathComponent(first->substr(0, first->find_first_of(" :")));
+  auto commandName = procfs::readSmallFile(procFd_, pidPath(pid, "comm").c_str());
+  std::string name = commandName ? withoutTrailingNewline(std::move(*commandName)) : "";
+  for (const std::string& candidate : {word, name}) {
+    if (candidate.empty() || candidate.find('/') != std::string::npos) continue;
+    std::string found = programNamed(candidate);
+    if (!found.empty()) return found;
+  }
+  return std::string();
+}
+
+std::string ProcessHelper::programNamed(const std::string& name) const {
+  std::lock_guard<std::mutex> guard(programsLock_);
+  auto [found, inserted] = programs_.emplace(name, std::string());
+  if (inserted) found->second = findExecutable(name);  // $PATH, then the system's program folders
+  return found->second;
+}
+
+std::optional<std::string> ProcessHelper::sandboxKey(int64_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  auto cgroup = procfs::readSmallFile(procFd_, pidPath(pid, "cgroup").c_str());
+  if (!cgroup) return std::nullopt;
+  return sandboxKeyOfControlGroup(*cgroup);
 }
 
 std::optional<int> ProcessHelper::threadCount(int64_t pid) const {

@@ -28,10 +28,16 @@ class ProcessHelper {
   // The same completion for a command name already read elsewhere.
   std::string completedName(int64_t pid, std::string commandName) const;
   // The executable (/proc/PID/exe, without a " (deleted)" mark). Where the
-  // link may not be read (another user's process without privileges) it is
-  // the command line's first word when that is an absolute path. Kernel
-  // threads have neither and answer nothing.
+  // link may not be read (another user's process, seen by an unprivileged
+  // service), the best that /proc shows: the command line's first word when
+  // it is an absolute path, else the program of that name (or of the
+  // command name) found on the search path, else "" -- the process is
+  // still listed, with its name, owner, processor share and memory. Kernel
+  // threads and ended processes have no executable and answer nothing.
   std::optional<std::string> getProcessPathFromPID(int64_t pid) const;
+  // The process's sandbox key from /proc/PID/cgroup ("flatpak:APP-ID",
+  // "snap:SNAP_APP"), or nothing.
+  std::optional<std::string> sandboxKey(int64_t pid) const;
   std::optional<int> threadCount(int64_t pid) const;
   // The owner of /proc/PID, which is the process's effective user.
   std::optional<uid_t> ownerUid(int64_t pid) const;
@@ -43,11 +49,15 @@ class ProcessHelper {
   // "PID/entry", relative to the open /proc folder.
   std::string pidPath(int64_t pid, const char* entry) const;
   std::optional<std::string> firstArgument(int64_t pid) const;
+  // Where the program of that name lives ("" when nowhere), looked up once.
+  std::string programNamed(const std::string& name) const;
 
   std::string procRoot_;
   int procFd_ = -1;  // walks from here are shorter than from "/"
   mutable std::mutex userNamesLock_;
   mutable std::map<uid_t, std::string> userNames_;
+  mutable std::mutex programsLock_;
+  mutable std::map<std::string, std::string> programs_;
 };
 
 }  // namespace quorvi

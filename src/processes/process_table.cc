@@ -99,6 +99,15 @@ std::optional<ProcessRow> parseProcStat(std::string_view stat, double uptimeSeco
   return row;
 }
 
+int64_t residentKilobytesOfStatus(std::string_view status) {
+  constexpr std::string_view kKey = "\nVmRSS:";
+  size_t at = status.find(kKey);
+  if (at == std::string_view::npos) return 0;
+  auto pieces = text::splitAtWhiteSpace(status.substr(at + kKey.size(), 40));
+  if (pieces.empty()) return 0;
+  return std::max<int64_t>(0, text::parseDecimal(pieces[0]).value_or(0));
+}
+
 std::optional<std::vector<ProcessRow>> processRowsFromProc(const std::string& procRoot) {
   procfs::DirectoryFd procDir(procRoot);
   auto uptimeText = procfs::readSmallFile(procRoot + "/uptime");
@@ -115,6 +124,11 @@ std::optional<std::vector<ProcessRow>> processRowsFromProc(const std::string& pr
       if (!stat) continue;  // ended since the folder was listed
       if (auto row = parseProcStat(*stat, uptime, ticksPerSecond, pageKilobytes)) {
         row->ownerUid = owner.st_uid;  // /proc gives a process's files to its owner
+        if (!row->isKernelThread) {
+          std::string statusPath = std::to_string(pids[i]) + "/status";
+          auto status = procfs::readOneRecord(procDir.get(), statusPath.c_str());
+          if (status) row->residentKilobytes = residentKilobytesOfStatus(*status);
+        }
         rows.push_back(std::move(*row));
       }
     }

@@ -1,7 +1,9 @@
 // The process table: one row per process with its parent, processor share
 // and resident memory. Read from `ps -eo pid,ppid,pcpu,rss` (run through
-// /bin/sh), or on Linux straight from /proc/PID/stat, which gives the same
-// columns computed the way ps computes them without starting two processes.
+// /bin/sh), or on Linux straight from /proc/PID/stat and /proc/PID/status,
+// which give the same columns computed the way ps computes them without
+// starting two processes (the resident size is status's VmRSS, as ps
+// reads it; stat's own resident field lags a few percent behind).
 #pragma once
 
 #include <sys/types.h>
@@ -40,6 +42,9 @@ std::optional<std::vector<ProcessRow>> processRowsFromProc(const std::string& pr
 // nothing when the line is malformed.
 std::optional<ProcessRow> parseProcStat(std::string_view stat, double uptimeSeconds, long ticksPerSecond,
                                         long pageKilobytes);
+// The VmRSS line of a /proc/PID/status text in kilobytes; 0 when there is
+// none (kernel threads, processes being torn down).
+int64_t residentKilobytesOfStatus(std::string_view status);
 // The processor share as ps prints it: permille of the process's lifetime,
 // "12.3", or whole percent once it reaches 100.
 std::string formatProcessorShare(uint64_t cpuTicks, uint64_t startTicks, double uptimeSeconds,

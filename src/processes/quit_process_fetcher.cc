@@ -70,12 +70,18 @@ std::vector<ProcessEntry> entriesFromRows(const std::vector<ProcessRow>& rows, c
 }
 
 std::vector<ProcessEntry> regularApplicationEntries(const std::vector<ProcessEntry>& allProcesses,
-                                                    const std::vector<DesktopApplication>& applications) {
-  std::unordered_map<std::string, const DesktopApplication*> byProgram, byFileName;
+                                                    const std::vector<DesktopApplication>& applications,
+                                                    const SandboxLookup& sandboxOf) {
+  // The list comes preferred-first: of several entries for one program the
+  // first is kept.
+  std::unordered_map<std::string, const DesktopApplication*> byProgram, byFileName, bySandbox;
   for (const auto& application : applications) {
     if (application.isFileManager) continue;
-    byProgram.emplace(application.program, &application);
-    byFileName.emplace(application.programFileName, &application);
+    if (!application.program.empty()) {
+      byProgram.emplace(application.program, &application);
+      byFileName.emplace(application.programFileName, &application);
+    }
+    if (!application.sandboxKey.empty()) bySandbox.emplace(application.sandboxKey, &application);
   }
   std::unordered_map<int64_t, const DesktopApplication*> applicationOfPid;
   for (const auto& entry : allProcesses) {
@@ -84,6 +90,10 @@ std::vector<ProcessEntry> regularApplicationEntries(const std::vector<ProcessEnt
       application = found->second;
     } else if (auto named = byFileName.find(entry.name); named != byFileName.end()) {
       application = named->second;
+    } else if (!bySandbox.empty() && sandboxOf) {
+      if (auto key = sandboxOf(entry.pid)) {
+        if (auto sandboxed = bySandbox.find(*key); sandboxed != bySandbox.end()) application = sandboxed->second;
+      }
     }
     if (application) applicationOfPid.emplace(entry.pid, application);
   }
@@ -153,9 +163,12 @@ std::optional<RunningProcesses> QuitProcessFetcher::fetch() const {
   });
   RunningProcesses result;
   try {
-    result.allProcesses = entriesFromRows(*rows, ProcessHelper());
+    ProcessHelper helper;
+    result.allProcesses = entriesFromRows(*rows, helper);
     DesktopApplicationCatalog& catalog = options_.catalog ? *options_.catalog : DesktopApplicationCatalog::shared();
-    result.normalProcesses = regularApplicationEntries(result.allProcesses, catalog.applications(options_.language));
+    result.normalProcesses = regularApplicationEntries(
+        result.allProcesses, catalog.applications(options_.language),
+        [&helper](int64_t pid) { return helper.sandboxKey(pid); });
   } catch (...) {
     portQuery.join();
     throw;

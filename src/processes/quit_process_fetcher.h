@@ -10,8 +10,9 @@
 // - normalProcesses: the regular applications. A process is one when its
 //   executable is the program of an installed desktop entry's Exec line (or
 //   its name is that program's file name, for launchers that hand over to a
-//   same-named binary), and its parent is not already that application (a
-//   browser is listed once, not once per helper process). File managers are
+//   same-named binary), or it runs in a sandboxed (Flatpak, Snap)
+//   application's control group, and its parent is not already that
+//   application (a browser is listed once, not once per helper process). File managers are
 //   never offered. Each carries the entry's localised name, the desktop file
 //   as `path` and the desktop file id as `bundleIdentifier`. Sorted by name
 //   ignoring ASCII case, then by pid.
@@ -19,12 +20,13 @@
 //   of the port source, with `port` set.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/language.h"
-#include "processes/desktop_entries.h"
+#include "processes/desktop_applications.h"
 #include "processes/listener.h"
 #include "processes/port_listener.h"
 #include "processes/process_entry.h"
@@ -63,8 +65,13 @@ class QuitProcessFetcher {
 
 // The steps of a fetch, each on plain values.
 std::vector<ProcessEntry> entriesFromRows(const std::vector<ProcessRow>& rows, const ProcessHelper& helper);
+// sandboxOf(pid) gives a process's sandbox key (see desktop_applications.h);
+// it is asked only for processes no program matched, and only when some
+// application is sandboxed.
+using SandboxLookup = std::function<std::optional<std::string>(int64_t pid)>;
 std::vector<ProcessEntry> regularApplicationEntries(const std::vector<ProcessEntry>& allProcesses,
-                                                    const std::vector<DesktopApplication>& applications);
+                                                    const std::vector<DesktopApplication>& applications,
+                                                    const SandboxLookup& sandboxOf = {});
 std::vector<ProcessEntry> listeningEntries(const std::vector<ProcessEntry>& allProcesses,
                                            const std::vector<Listener>& listeners);
 

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <thread>
 
 #include "listening_child.h"
 #include "processes/quit_process_fetcher.h"
@@ -102,9 +104,10 @@ TEST(FetcherSteps, OneEntryPerListeningPort) {
 TEST(FetcherSteps, RegularApplications) {
   std::vector<DesktopApplication> apps = {
       {"org.example.Editor.desktop", "/usr/share/applications/org.example.Editor.desktop", "Editor",
-       "/usr/lib/editor/editor", "editor", false},
-      {"files.desktop", "/usr/share/applications/files.desktop", "Files", "/usr/bin/files", "files", true},
-      {"browser.desktop", "/usr/share/applications/browser.desktop", "browser", "/usr/bin/browser", "browser", false},
+       "/usr/lib/editor/editor", "editor", false, "", 0},
+      {"files.desktop", "/usr/share/applications/files.desktop", "Files", "/usr/bin/files", "files", true, "", 0},
+      {"browser.desktop", "/usr/share/applications/browser.desktop", "browser", "/usr/bin/browser", "browser", false,
+       "", 0},
   };
   std::vector<ProcessEntry> all = {
       entry(10, 1, "editor", "/usr/lib/editor/editor"),
@@ -135,31 +138,89 @@ TEST(FetcherSteps, RegularApplications) {
   EXPECT_NE(std::find(keys.begin(), keys.end(), "wbbjq"), keys.end());
 }
 
-TEST(DesktopEntries, KeyFileReading) {
-  auto keys = readDesktopEntryGroup(
-      "# comment\n[Other]\nName=Wrong\n[Desktop Entry]\nName = Text\\sEditor\nName[zh_CN]=文本编辑器\n"
-      "Exec=\"/opt/My App/run\" --flag %U\nbroken line\n[Desktop Action new]\nExec=other\n");
-  EXPECT_EQ(keys["Name"], "Text Editor");
-  EXPECT_EQ(keys["Exec"], "\"/opt/My App/run\" --flag %U");
-  EXPECT_EQ(localizedName(keys, SupportedLanguage::chinese), "文本编辑器");
-  EXPECT_EQ(localizedName(keys, SupportedLanguage::traditionChinese), "Text Editor");
-  EXPECT_EQ(localizedName(keys, SupportedLanguage::english), "Text Editor");
-  EXPECT_EQ(programOfExec(keys["Exec"]), "/opt/My App/run");
-  EXPECT_EQ(programOfExec("env GDK_BACKEND=x11 LANG=C gedit %F"), "gedit");
-  EXPECT_EQ(programOfExec("\"a\\\"b\" x"), "a\"b");
-  EXPECT_FALSE(programOfExec(""));
-  EXPECT_FALSE(programOfExec("env A=1"));
-  EXPECT_TRUE(readDesktopEntryGroup(std::string("\xff\xfe[Desktop Entry\n=\n\0\0", 20)).empty());
+TEST(FetcherSteps, SandboxedApplicationsAreRecognisedByTheirControlGroup) {
+  DesktopApplication calculator{"org.example.Calc.desktop", "/x/org.example.Calc.desktop", "Calculator", "", "",
+                                false, "flatpak:org.example.Calc", 0};
+  DesktopApplication player{"player_player.desktop", "/x/player_player.desktop", "Player", "", "", false,
+                            "snap:player_player", 0};
+  std::vector<ProcessEntry> all = {
+      entry(30, 1, "bwrap", "/usr/bin/bwrap"),          // the sandbox's first process
+      entry(31, 30, "calc", "/app/bin/calc"),           // inside it: a helper of the same application
+      entry(32, 1, "player", "/snap/player/1/player"),
+      entry(33, 1, "bash", "/usr/bin/bash"),            // an ordinary process in no sandbox
+  };
+  std::map<int64_t, std::string> keys = {{30, "flatpak:org.example.Calc"}, {31, "flatpak:org.example.Calc"},
+                                         {32, "snap:player_player"}};
+  std::vector<int64_t> asked;
+  auto lookup = [&](int64_t pid) -> std::optional<std::string> {
+    asked.push_back(pid);
+    auto found = keys.find(pid);
+    return found == keys.end() ? std::nullopt : std::optional(found->second);
+  };
+  auto normal = regularApplicationEntries(all, {calculator, player}, lookup);
+  ASSERT_EQ(normal.size(), 2u);
+  EXPECT_EQ(normal[0].pid, 30);
+  EXPECT_EQ(normal[0].name, "Calculator");
+  EXPECT_EQ(normal[0].bundleIdentifier, "org.example.Calc.desktop");
+  EXPECT_EQ(normal[1].pid, 32);
+  // Without sandboxed applications the control groups are not read at all.
+  asked.clear();
+  DesktopApplication plain{"t.desktop", "/x/t.desktop", "T", "/usr/bin/t", "t", false, "", 0};
+  regularApplicationEntries(all, {plain}, lookup);
+  EXPECT_TRUE(asked.empty());
 }
 
-TEST(DesktopEntries, WhichEntriesAreApplications) {
+TEST(DesktopApplications, ControlGroupsNameTheSandboxedApplication) {
+  EXPECT_EQ(sandboxKeyOfControlGroup("0::/user.slice/user-1000.slice/user@1000.service/app.slice/"
+                                     "app-flatpak-org.gnome.Calculator-52137.scope\n"),
+            "flatpak:org.gnome.Calculator");
+  EXPECT_EQ(sandboxKeyOfControlGroup("0::/user.slice/user-1000.slice/user@1000.service/app.slice/"
+                                     "app-flatpak-io.github.some\\x2dthing-9.scope/subgroup\n"),
+            "flatpak:io.github.some-thing");
+  EXPECT_EQ(sandboxKeyOfControlGroup("0::/user.slice/user-1000.slice/user@1000.service/app.slice/"
+                                     "snap.firefox.firefox-2d3c7b8e-5f4a-4e2b-9c1d-0a1b2c3d4e5f.scope\n"),
+            "snap:firefox_firefox");
+  EXPECT_EQ(sandboxKeyOfControlGroup("12:pids:/\n1:name=systemd:/user.slice/snap.my-tool.run-it-7.scope\n"),
+            "snap:my-tool_run-it");
+  EXPECT_FALSE(sandboxKeyOfControlGroup("0::/user.slice/user-1000.slice/user@1000.service/app.slice/"
+                                        "app-gnome-org.gnome.TextEditor-4242.scope\n"));
+  EXPECT_FALSE(sandboxKeyOfControlGroup("0::/system.slice/snapd.service\n"));
+  EXPECT_FALSE(sandboxKeyOfControlGroup("0::/init.scope\n"));
+  EXPECT_FALSE(sandboxKeyOfControlGroup(""));
+  EXPECT_FALSE(sandboxKeyOfControlGroup("garbage without colons"));
+}
+
+TEST(DesktopApplications, InterpretersAreTellingNothingButProgramsNamedLikeThemAre) {
+  for (const char* launcher : {"python3", "python3.11", "ruby3.1", "lua5.4", "perl5.36.0", "node18", "bash", "env"}) {
+    EXPECT_TRUE(isGenericLauncher(launcher)) << launcher;
+  }
+  for (const char* program : {"luanti", "rubyripper", "pythonista", "javaws-viewer", "nodeeditor", "perlpad", "gedit"}) {
+    EXPECT_FALSE(isGenericLauncher(program)) << program;
+  }
   std::string self = selfExecutable();
-  auto parse = [](const std::string& text) {
-    return desktopApplicationFromText(text, "t.desktop", "/x/t.desktop", SupportedLanguage::english);
+  ScratchFolder bin;
+  std::string luanti = bin.path() + "/luanti";
+  fs::copy_file(self, luanti);
+  auto entry = parseDesktopEntry("[Desktop Entry]\nType=Application\nName=Luanti\nExec=" + luanti + " --go\n",
+                                 "net.luanti.desktop", "/x/net.luanti.desktop");
+  ASSERT_TRUE(entry);
+  auto application = desktopApplicationOf(*entry, SupportedLanguage::english, {}, {});
+  ASSERT_TRUE(application);
+  EXPECT_EQ(application->programFileName, "luanti");
+  EXPECT_EQ(application->execArgumentCount, 1);
+}
+
+TEST(DesktopApplications, WhichEntriesAreApplications) {
+  std::string self = selfExecutable();
+  auto parse = [](const std::string& text) -> std::optional<DesktopApplication> {
+    auto entry = parseDesktopEntry(text, "t.desktop", "/x/t.desktop");
+    if (!entry) return std::nullopt;
+    return desktopApplicationOf(*entry, SupportedLanguage::english, {"GNOME"}, {});
   };
   auto app = parse("[Desktop Entry]\nType=Application\nName=Tests\nExec=" + self + " %U\n");
   ASSERT_TRUE(app);
   EXPECT_EQ(app->program, fs::canonical(self).string());
+  EXPECT_EQ(app->execArgumentCount, 0);  // field codes are no arguments
   EXPECT_FALSE(app->isFileManager);
   EXPECT_TRUE(parse("[Desktop Entry]\nType=Application\nName=F\nCategories=System;FileManager;\nExec=" + self)
                   ->isFileManager);
@@ -167,34 +228,77 @@ TEST(DesktopEntries, WhichEntriesAreApplications) {
   EXPECT_FALSE(parse(base + "Exec=" + self + "\nNoDisplay=true\n"));
   EXPECT_FALSE(parse(base + "Exec=" + self + "\nHidden=true\n"));
   EXPECT_FALSE(parse(base + "Exec=" + self + "\nTerminal=true\n"));
+  EXPECT_FALSE(parse(base + "Exec=" + self + "\nOnlyShowIn=KDE;\n"));
+  EXPECT_TRUE(parse(base + "Exec=" + self + "\nOnlyShowIn=KDE;GNOME;\n"));
   EXPECT_FALSE(parse("[Desktop Entry]\nType=Link\nName=T\nExec=" + self + "\n"));
   EXPECT_FALSE(parse(base + "Exec=sh -c 'run thing'\n"));        // runs anything
   EXPECT_FALSE(parse(base + "Exec=python3 /opt/tool.py\n"));
   EXPECT_FALSE(parse(base + "Exec=/nonexistent/program\n"));
   EXPECT_FALSE(parse(base));
+  // A sandboxed application is one although its program is the sandbox's launcher.
+  auto flatpak = parse(base + "Exec=/usr/bin/flatpak run --branch=stable org.example.Calc\nX-Flatpak=org.example.Calc\n");
+  ASSERT_TRUE(flatpak);
+  EXPECT_EQ(flatpak->sandboxKey, "flatpak:org.example.Calc");
+  EXPECT_TRUE(flatpak->program.empty());
 }
 
-TEST(DesktopEntries, CatalogScansFoldersAndNoticesChanges) {
+// Writes the two files in both orders, into fresh catalogs: the same entry
+// wins each time.
+TEST(DesktopApplications, OfSeveralEntriesForOneProgramThePreferredWins) {
+  std::string self = selfExecutable();
+  std::string program = fs::path(self).filename().string();
+  auto winner = [&](const std::vector<std::pair<std::string, std::string>>& files) {
+    ScratchFolder apps;
+    for (const auto& [name, exec] : files) {
+      apps.write("applications/" + name, "[Desktop Entry]\nType=Application\nName=" + name + "\nExec=" + exec + "\n");
+    }
+    DesktopCatalog catalog({apps.path() + "/applications"});
+    DesktopApplicationCatalog applications(catalog, {}, {});
+    auto normal = regularApplicationEntries({entry(50, 1, program, fs::canonical(self).string())},
+                                            applications.applications(SupportedLanguage::english));
+    return normal.empty() ? std::string() : *normal[0].bundleIdentifier;
+  };
+  std::vector<std::pair<std::string, std::string>> plainAndPrivate = {{"a-private.desktop", self + " --private %U"},
+                                                                       {"z-browser.desktop", self + " %U"}};
+  EXPECT_EQ(winner(plainAndPrivate), "z-browser.desktop");  // fewest arguments
+  std::reverse(plainAndPrivate.begin(), plainAndPrivate.end());
+  EXPECT_EQ(winner(plainAndPrivate), "z-browser.desktop");
+  std::vector<std::pair<std::string, std::string>> named = {{"b.desktop", self},
+                                                            {"org.example." + program + ".desktop", self + " --x"}};
+  EXPECT_EQ(winner(named), "org.example." + program + ".desktop");  // named after its program
+  std::reverse(named.begin(), named.end());
+  EXPECT_EQ(winner(named), "org.example." + program + ".desktop");
+  EXPECT_EQ(winner({{"b.desktop", self}, {"a.desktop", self}}), "a.desktop");  // then the smaller id
+  EXPECT_EQ(winner({{"a.desktop", self}, {"b.desktop", self}}), "a.desktop");
+}
+
+TEST(DesktopApplications, CatalogChangesAreSeenWithoutWaitingForThem) {
   ScratchFolder home, system;
   std::string self = selfExecutable();
-  std::string entry = "[Desktop Entry]\nType=Application\nExec=" + self + "\nName=";
-  home.write("applications/mine.desktop", entry + "Mine\n");
-  home.write("applications/shadowed.desktop", entry + "Hidden\nHidden=true\n");
-  system.write("applications/shadowed.desktop", entry + "Shadowed\n");
-  system.write("applications/kde/tool.desktop", entry + "Tool\nName[zh_CN]=工具\n");
+  std::string text = "[Desktop Entry]\nType=Application\nExec=" + self + "\nName=";
+  home.write("applications/mine.desktop", text + "Mine\n");
+  home.write("applications/shadowed.desktop", text + "Hidden\nHidden=true\n");
+  system.write("applications/shadowed.desktop", text + "Shadowed\n");
+  system.write("applications/kde/tool.desktop", text + "Tool\nName[zh_CN]=工具\n");
   system.write("applications/readme.txt", "not an entry");
-  DesktopApplicationCatalog catalog({home.path() + "/applications", system.path() + "/applications",
-                                     system.path() + "/missing"});
+  DesktopCatalog catalog({home.path() + "/applications", system.path() + "/applications", system.path() + "/missing"});
+  DesktopApplicationCatalog applications(catalog, {}, {});
   auto ids = [&](SupportedLanguage language) {
     std::map<std::string, std::string> names;
-    for (const auto& app : catalog.applications(language)) names[app.desktopId] = app.name;
+    for (const auto& app : applications.applications(language)) names[app.desktopId] = app.name;
     return names;
   };
   EXPECT_EQ(ids(SupportedLanguage::english),
             (std::map<std::string, std::string>{{"mine.desktop", "Mine"}, {"kde-tool.desktop", "Tool"}}));
   EXPECT_EQ(ids(SupportedLanguage::chinese)["kde-tool.desktop"], "工具");
-  system.write("applications/kde/new.desktop", entry + "New\n");
-  EXPECT_EQ(ids(SupportedLanguage::chinese).count("kde-new.desktop"), 1u);
+  // A new entry: the request that notices the folder change answers at once
+  // and queues the reading; a later request sees the entry.
+  system.write("applications/kde/new.desktop", text + "New\n");
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!ids(SupportedLanguage::english).count("kde-new.desktop") && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(ids(SupportedLanguage::english).count("kde-new.desktop"), 1u);
 }
 
 class FetchTest : public ::testing::Test {
@@ -238,7 +342,8 @@ class FetchTest : public ::testing::Test {
   }
 
   ScratchFolder apps_;
-  DesktopApplicationCatalog catalog_{{apps_.path() + "/applications"}};
+  DesktopCatalog desktopCatalog_{{apps_.path() + "/applications"}};
+  DesktopApplicationCatalog catalog_{desktopCatalog_, {}, {}};
 };
 
 TEST_F(FetchTest, NativeSourcesFindAChildsPorts) {

@@ -10,12 +10,19 @@
 #include <map>
 #include <set>
 #include <thread>
+#include <signal.h>
+#include <spawn.h>
+#include <sstream>
+#include <sys/wait.h>
+
+extern char** environ;
 
 #include "listening_child.h"
 #include "processes/port_listener.h"
 #include "processes/proc_net_listeners.h"
 #include "processes/process_helper.h"
 #include "processes/process_table.h"
+#include "platform/process_runner.h"
 
 namespace quorvi {
 namespace {
@@ -70,8 +77,14 @@ TEST(ProcessHelper, TruncatedNamesAndUnreadableExecutables) {
   EXPECT_EQ(helper.getProcessNameFromPID(10), "gnome-shell-calendar-server");
   EXPECT_EQ(helper.getProcessPathFromPID(10), "/usr/libexec/gnome-shell-calendar-server");
   EXPECT_EQ(helper.getProcessNameFromPID(11), "sshd");
-  EXPECT_FALSE(helper.getProcessPathFromPID(11));  // a rewritten command line is no path
+  // A rewritten command line is no path: the program is looked up by name,
+  // and the process is kept (with an empty path) where it is not found.
+  EXPECT_EQ(helper.getProcessPathFromPID(11), findExecutable("sshd"));
   EXPECT_EQ(helper.getProcessNameFromPID(12), "abcdefghijklmno");  // no completion from another name
+  fs::create_directories(root / "13");
+  write(root / "13/comm", "kworker/0:1\n");
+  write(root / "13/cmdline", "");
+  EXPECT_FALSE(helper.getProcessPathFromPID(13));  // a kernel thread has no executable
   fs::remove_all(root);
 }
 
@@ -190,6 +203,72 @@ TEST(PortSources, MissingProcGivesNoListeners) {
   EXPECT_FALSE(procNetTcpAvailable("/nonexistent-proc"));
   EXPECT_TRUE(procNetTcpAvailable());
   EXPECT_FALSE(processRowsFromProc("/nonexistent-proc"));
+}
+
+TEST(ProcessTable, ResidentSizeIsWhatPsReports) {
+  EXPECT_EQ(residentKilobytesOfStatus("Name:\tx\nVmHWM:\t   9000 kB\nVmRSS:\t    8724 kB\nRssAnon:\t 100 kB\n"), 8724);
+  EXPECT_EQ(residentKilobytesOfStatus("Name:\tkthreadd\nThreads:\t1\n"), 0);
+  EXPECT_EQ(residentKilobytesOfStatus("Name:\tx\nVmRSS:\tgarbage kB\n"), 0);
+  // A sleeping child's memory does not move: both readings must agree to
+  // the kilobyte (the stat file's resident field is a few percent lower).
+  ListeningChild child("quorvi rss");
+  ASSERT_TRUE(child.ok());
+  auto rows = processRowsFromProc();
+  ASSERT_TRUE(rows);
+  auto mine = std::find_if(rows->begin(), rows->end(), [&](const ProcessRow& row) { return row.pid == child.pid(); });
+  ASSERT_NE(mine, rows->end());
+  ProcessResult ps = runProcess("/bin/ps", {"-o", "rss=", "-p", std::to_string(child.pid())});
+  ASSERT_TRUE(ps.launched && ps.exitStatus == 0) << ps.standardError;
+  EXPECT_EQ(mine->residentKilobytes, std::stoll(ps.standardOutput));
+}
+
+// What an unprivileged service sees of another user's processes: the probe
+// runs as "nobody" and looks at children of this (root) test.
+TEST(ProcessHelper, OtherUsersProcessesKeepTheirNameAndPath) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to start processes of another user";
+  std::string probe = (fs::read_symlink("/proc/self/exe").parent_path() / "process_probe").string();
+  std::string setpriv = findExecutable("setpriv");
+  if (setpriv.empty()) GTEST_SKIP() << "setpriv is not installed";
+  fs::path folder = fs::temp_directory_path() / ("quorvi-unknown-" + std::to_string(::getpid()));
+  fs::create_directories(folder);
+  fs::copy_file(fs::canonical("/bin/sleep"), folder / "qvunknownprog");
+  struct Child {
+    std::string executable;
+    std::vector<std::string> argv;
+    std::string expectedName;
+    std::string expectedPath;
+  };
+  std::vector<Child> children = {
+      {"/bin/sleep", {"/bin/sleep", "30"}, "sleep", "/bin/sleep"},                  // absolute first word
+      {"/bin/sleep", {"sleep", "30"}, "sleep", findExecutable("sleep")},             // a bare name
+      {"/bin/sleep", {"worker: busy doing x", "30"}, "sleep", findExecutable("sleep")},  // rewritten
+      {(folder / "qvunknownprog").string(), {"qvunknownprog", "30"}, "qvunknownprog", ""},  // found nowhere
+  };
+  std::vector<pid_t> pids;
+  for (const auto& child : children) {
+    std::vector<char*> argv;
+    for (const auto& word : child.argv) argv.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    ASSERT_EQ(::posix_spawn(&pid, child.executable.c_str(), nullptr, nullptr, argv.data(), environ), 0);
+    pids.push_back(pid);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let each exec
+  std::vector<std::string> arguments = {"--reuid=65534", "--regid=65534", "--clear-groups", probe};
+  for (pid_t pid : pids) arguments.push_back(std::to_string(pid));
+  ProcessResult result = runProcess(setpriv, arguments);
+  for (pid_t pid : pids) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  fs::remove_all(folder);
+  ASSERT_TRUE(result.launched && result.exitStatus == 0) << result.standardError;
+  std::istringstream lines(result.standardOutput);
+  for (std::size_t i = 0; i < children.size(); ++i) {
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line)) << result.standardOutput;
+    EXPECT_EQ(line, children[i].expectedName + "|" + children[i].expectedPath + "|root") << i;
+  }
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 //   quorvi [OPTIONS] MEMBER [ARGS...]     call any member by name or selector
 //   quorvi [OPTIONS] wait SIGNAL          wait for a broadcast signal
 //   quorvi [OPTIONS] index [DIR...]       index folders, showing progress
-//   quorvi [OPTIONS] search [QUERY]       search the file index (interactive without QUERY)
+//   quorvi [OPTIONS] search [QUERY]       search the apps, then the files (interactive without QUERY)
 //   quorvi [OPTIONS] ping                 is the service there?
 //   quorvi --help                         every operation with its arguments
 #include <termios.h>
@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -20,7 +21,9 @@
 #include <unicode/locid.h>
 #include <unicode/unistr.h>
 
+#include "apps/app_entry.h"
 #include "common/json.h"
+#include "fuse/fuse.h"
 #include "service/bus_client.h"
 #include "tools/quorvi/reply_printer.h"
 
@@ -39,7 +42,7 @@ void printHelp() {
       "usage: quorvi [OPTIONS] MEMBER [ARGS...]\n"
       "       quorvi [OPTIONS] wait fileIndexStateDidChange|appIndexerStateDidChange\n"
       "       quorvi [OPTIONS] index [DIR...]\n"
-      "       quorvi [OPTIONS] search [QUERY]\n"
+      "       quorvi [OPTIONS] search [QUERY]         (apps first, then files)\n"
       "       quorvi [OPTIONS] ping\n"
       "\n"
       "Calls quorvifind (%s on the session bus). MEMBER is a member name or a\n"
@@ -207,14 +210,61 @@ std::string lowercase(const std::string& text) {
   return out;
 }
 
-// Hits of one query as "path" lines (folders end in "/"), and the time taken.
-std::vector<std::string> searchOnce(BusClient& client, const Options& options, const std::string& query,
-                                    double* milliseconds) {
-  auto started = std::chrono::steady_clock::now();
-  auto result = callOrDie(client, options, "SearchFilesWithQueryMaxcountCompletion",
-                          {lowercase(query), std::to_string(options.limit)});
-  *milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+// The app index's entries, read once per search session. When the index is
+// not ready yet, a scan is started (with no scopes of its own) and waited
+// for; an index that stays empty gives no apps.
+std::vector<FuseableRef> loadApps(BusClient& client, const Options& options) {
+  auto ready = callOrDie(client, options, "CheckAppIndexIsReadyWithCompletion", {});
+  if (ready.values.empty() || !ready.values[0].flag) {
+    client.subscribe("appIndexerStateDidChange");
+    if (const MemberInfo* start = findMember("StartIndexAppsWithSearchScopesCompletion")) {
+      CallArguments arguments;
+      std::string error;
+      if (argumentsFromWords(start->inSignature, {"[]"}, arguments, &error)) client.callNoReply(*start, arguments);
+    }
+    client.waitForSignal("appIndexerStateDidChange", 0, std::chrono::seconds(10));
+  }
+  std::vector<FuseableRef> apps;
+  auto result = callOrDie(client, options, "GetAppsWithCompletionHandler", {});
+  if (result.values.empty() || !result.values[0].value) return apps;
+  Json list = Json::parse(*result.values[0].value, nullptr, false);
+  if (!list.is_array()) return apps;
+  for (const auto& item : list) {
+    if (auto entry = AppEntry::fromJson(item)) apps.push_back(std::make_shared<AppEntry>(std::move(*entry)));
+  }
+  return apps;
+}
+
+// Apps that match, best first, as "name  (path)" lines: the approximate
+// matcher over each entry's match strings.
+std::vector<std::string> matchingApps(const std::vector<FuseableRef>& apps, const std::string& query, size_t limit) {
+  Fuse fuse(/*location=*/0, /*distance=*/100, /*threshold=*/0.3, /*maxPatternLength=*/32,
+            /*isCaseSensitive=*/false, /*tokenize=*/true);
+  auto results = fuse.search(query, apps);
+  std::stable_sort(results.begin(), results.end(),
+                   [](const FuseItemResult& a, const FuseItemResult& b) { return a.score < b.score; });
   std::vector<std::string> lines;
+  for (const auto& result : results) {
+    if (lines.size() == limit) break;
+    const auto& entry = static_cast<const AppEntry&>(*apps[size_t(result.index)]);
+    const char* kind = entry.category == AppCategory::application ? "app"
+                       : entry.category == AppCategory::venturaSettingsExtension ? "settings"
+                                                                                 : "device";
+    lines.push_back("[" + std::string(kind) + "] " + entry.nameOfDisplay + "  (" + entry.path + ")");
+  }
+  return lines;
+}
+
+// Hits of one query: matching apps first, then files as "path" lines
+// (folders end in "/"), and the time taken.
+std::vector<std::string> searchOnce(BusClient& client, const Options& options, const std::vector<FuseableRef>& apps,
+                                    const std::string& query, double* milliseconds) {
+  auto started = std::chrono::steady_clock::now();
+  std::string lower = lowercase(query);
+  std::vector<std::string> lines = matchingApps(apps, lower, 5);
+  auto result = callOrDie(client, options, "SearchFilesWithQueryMaxcountCompletion",
+                          {lower, std::to_string(options.limit)});
+  *milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   if (result.values.empty() || !result.values[0].value) return lines;
   Json hits = Json::parse(*result.values[0].value, nullptr, false);
   if (!hits.is_array()) return lines;
@@ -242,17 +292,18 @@ void eraseLastCharacter(std::string& text) {
 
 int searchCommand(const Options& options, const std::vector<std::string>& words) {
   auto client = connectOrDie(options);
+  auto apps = loadApps(*client, options);
   double ms = 0;
   if (!words.empty()) {
     std::string query;
     for (const auto& w : words) query += (query.empty() ? "" : " ") + w;
-    printHits(searchOnce(*client, options, query, &ms), ms);
+    printHits(searchOnce(*client, options, apps, query, &ms), ms);
     return 0;
   }
   if (!::isatty(STDIN_FILENO)) {  // one query per line
     for (std::string line; std::getline(std::cin, line);) {
       std::printf("> %s\n", line.c_str());
-      printHits(searchOnce(*client, options, line, &ms), ms);
+      printHits(searchOnce(*client, options, apps, line, &ms), ms);
     }
     return 0;
   }
@@ -277,7 +328,7 @@ int searchCommand(const Options& options, const std::vector<std::string>& words)
     } else if (static_cast<unsigned char>(c) >= 32) {
       query += c;
     }
-    hits = query.empty() ? std::vector<std::string>() : searchOnce(*client, options, query, &ms);
+    hits = query.empty() ? std::vector<std::string>() : searchOnce(*client, options, apps, query, &ms);
   }
   ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
   std::printf("\n");
