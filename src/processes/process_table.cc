@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 #include "platform/process_runner.h"
 #include "processes/proc_files.h"
@@ -93,7 +95,10 @@ std::optional<ProcessRow> parseProcStat(std::string_view stat, double uptimeSeco
                       uint64_t(std::max<int64_t>(0, number(kSystemTimeField)));
   row.cpu = formatProcessorShare(cpuTicks, uint64_t(std::max<int64_t>(0, number(kStartTimeField))), uptimeSeconds,
                                  ticksPerSecond);
-  row.residentKilobytes = std::max<int64_t>(0, number(kResidentPagesField)) * pageKilobytes;
+  // A damaged or hostile field must not overflow the product.
+  const int64_t pages = std::clamp<int64_t>(number(kResidentPagesField), 0,
+                                            INT64_MAX / std::max<long>(1, pageKilobytes));
+  row.residentKilobytes = pages * pageKilobytes;
   row.commandName = std::string(stat.substr(open + 2, close - open - 2));
   row.isKernelThread = (number(kFlagsField) & kKernelThreadFlag) != 0;
   return row;
