@@ -100,6 +100,13 @@ TEST_F(SearchTest, DirectoryRestrictionDoesNotLeakIntoSiblingsWithTheSamePrefix)
   EXPECT_TRUE(indexer_.containsFile(x + "/r6-in-x.txt"));
   EXPECT_FALSE(indexer_.containsFile(x + "/r7-in-xy.txt"));
   EXPECT_FALSE(indexer_.containsFile(""));
+  // Folders are records, the scope itself is not; names are compared exactly.
+  EXPECT_TRUE(indexer_.containsFile(x));
+  EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/s"));
+  EXPECT_FALSE(indexer_.containsFile(x + "/"));
+  EXPECT_FALSE(indexer_.containsFile(x + "/R6-in-x.txt"));
+  EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/s/nowhere/r6-in-x.txt"));
+  EXPECT_FALSE(indexer_.containsFile("r6-in-x.txt"));
 }
 
 TEST_F(SearchTest, HardLinksToOneFileGiveOneHit) {
