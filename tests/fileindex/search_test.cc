@@ -131,7 +131,6 @@ TEST_F(SearchTest, GoneAndIgnoredHitsAreDroppedAndRemovedAndReplacedOnesRefreshe
   indexer_.waitForPendingChanges();
   EXPECT_FALSE(indexer_.containsFile(tree_.home() + "/s/r2-report-2023.txt"));
   EXPECT_EQ(allRecords(indexer_).size(), 7u);
-  EXPECT_EQ(indexer_.performanceSnapshot().staleRecordsRemoved, 2);
   // Saved the way editors save (a new file renamed over the old one): still
   // found, under its path, and its record takes the new file's identity.
   const std::string path = tree_.home() + "/s/r1-report-2024.txt";
