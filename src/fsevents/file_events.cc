@@ -195,6 +195,7 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
     std::vector<std::pair<FileEvent, uint16_t>> reports;
   };
 
+  std::size_t armedSinceTrim = 0;
   std::map<std::string, uint16_t> writes;  // files written while open, by watcher bits
   bool writeFlushScheduled = false;
 
@@ -432,6 +433,14 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
       for (auto& [event, bits] : job.reports) report(std::move(event.path), event.flags, bits, std::move(event.movedFrom));
       jobs.pop_front();
       --pendingJobs;
+    }
+    // Growth leaves up to half of the tree's vectors unused; once a large
+    // subtree is armed, the room goes back (not after every small one: each
+    // trim copies the tree).
+    armedSinceTrim += done;
+    if (jobs.empty() && armedSinceTrim >= 4096) {
+      tree.trimStorage();
+      armedSinceTrim = 0;
     }
   }
 
