@@ -2,10 +2,8 @@
 
 #include <malloc.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "common/dispatch.h"
 
@@ -46,8 +44,7 @@ void checkQuiet() {
 void releaseFreedMemory() { ::malloc_trim(0); }
 
 void limitAllocatorArenas() {
-  unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-  ::mallopt(M_ARENA_MAX, static_cast<int>(std::max(2u, 2 * cores)));
+  ::mallopt(M_ARENA_MAX, 2);
 }
 
 void releaseFreedMemorySoon() {
