@@ -43,26 +43,40 @@ bool NamePrefilter::mayMatch(const FileTable& table, std::size_t row) const { re
 // `absent`: a needle already known not to occur in the match text.
 bool NamePrefilter::passes(const FileTable& table, std::size_t row, const Needle* absent) const {
   if (needles_.empty()) return true;
-  std::string_view text = table.matchText(row);
+  // The text's length is found only once it is needed (a record that is
+  // turned down by its region alone is not measured).
+  std::string_view text;
+  bool measured = false;
+  auto matchText = [&] {
+    if (!measured) {
+      text = table.matchText(row);
+      measured = true;
+    }
+    return text;
+  };
   thread_local std::string skeleton;
   enum { unknown, masksOnly, built } skeletonState = unknown;
   for (const Needle& needle : needles_) {
     const std::string& bytes = needle.pattern->requiredLowercaseBytes();
-    if (&needle != absent && memmem(text.data(), text.size(), bytes.data(), bytes.size())) continue;
+    if (&needle != absent) {
+      std::string_view own = matchText();
+      if (memmem(own.data(), own.size(), bytes.data(), bytes.size())) continue;
+    }
     if (needle.pattern->requiredBytesHoldInAnyText() || table.matchTextIsAscii(row)) return false;
     // Not ASCII: "café" holds "cafe" only once its accent is dropped. A text
     // in which nothing folds into ASCII has nothing to add.
     if (skeletonState == unknown) {
-      if (asciiSkeletonOnlyMasks(text)) {
+      std::size_t regionLength = table.textOffset(row + 1) - table.textOffset(row);
+      if (asciiSkeletonOnlyMasks(std::string_view(table.matchCString(row), regionLength))) {
         skeletonState = masksOnly;
       } else {
-        asciiSkeleton(text, skeleton);
+        asciiSkeleton(matchText(), skeleton);
         skeletonState = built;
       }
     }
     if (skeletonState == masksOnly) {
       if (!needle.holdsMask) return false;
-      asciiSkeleton(text, skeleton);
+      asciiSkeleton(matchText(), skeleton);
       skeletonState = built;
     }
     if (!memmem(skeleton.data(), skeleton.size(), bytes.data(), bytes.size())) return false;

@@ -45,6 +45,7 @@ void asciiSkeleton(std::string_view text, std::string& out);
 // character that folds into ASCII or into nothing ("é", a combining accent,
 // "ﬁ", the Kelvin sign). Then a run of ASCII bytes without 0x01 is in the
 // skeleton only where it is in the text, and the skeleton need not be built.
+// A NUL ends the text (a record's whole region may be passed).
 bool asciiSkeletonOnlyMasks(std::string_view text);
 
 class TextPattern {
