@@ -70,6 +70,9 @@ class FileIndexSnapshot {
   // isDirectory, lastUsedTimestamp, matchText) on that row.
   void forEach(const std::function<bool(const FileTable& table, std::size_t row)>& visit) const;
   std::size_t count() const;
+  // The tables themselves, for readers that search a table's arena rather
+  // than visit every record; they skip the rows a segment marks dead.
+  const FileSegments& segments() const { return segments_; }
 
  private:
   FileSegments segments_;

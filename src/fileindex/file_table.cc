@@ -367,6 +367,7 @@ void FileTable::Builder::append(const FileRow& row) {
   t.arena.append(text);
   t.arena.push_back('\0');
   uint8_t flags = row.isDirectory ? kDirectory : 0;
+  if (!std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; })) flags |= kMatchTextNotAscii;
   std::size_t upperCount = 0;
   if (row.name == text) {
     flags |= kNameIsMatchText;

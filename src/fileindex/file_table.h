@@ -122,6 +122,9 @@ class FileTable {
   std::string path(std::size_t i) const;
   uint32_t folderOf(std::size_t i) const { return c_->folder[i]; }
   bool isDirectory(std::size_t i) const { return c_->flags[i] & kDirectory; }
+  // Whether the match text holds a byte above 0x7F (decided when the table
+  // was built), so a search can tell without reading the text.
+  bool matchTextIsAscii(std::size_t i) const { return !(c_->flags[i] & kMatchTextNotAscii); }
   double lastUsedTimestamp(std::size_t i) const { return c_->lastUsed[i]; }
   uint64_t inode(std::size_t i) const { return c_->inodeWide.empty() ? c_->inode[i] : c_->inodeWide[i]; }
   uint64_t device(std::size_t i) const { return c_->devices[c_->device[i]]; }
@@ -149,6 +152,7 @@ class FileTable {
   static constexpr uint8_t kNameIsMatchText = 2;  // the match text is the name
   static constexpr uint8_t kNameFromMask = 4;     // [length][count][upper-case positions] after the NUL
                                                   // otherwise the raw name follows the NUL
+  static constexpr uint8_t kMatchTextNotAscii = 8;
   struct Columns {
     std::string arena;
     std::vector<uint32_t> textOffset;  // size()+1 entries

@@ -15,6 +15,7 @@
 #include "spotlight/content_types.h"
 #include "spotlight/file_times.h"
 #include "spotlight/metadata_query.h"
+#include "spotlight/name_prefilter.h"
 #include "spotlight/text_pattern.h"
 
 namespace quorvi {
@@ -254,13 +255,6 @@ class Evaluation {
   std::shared_ptr<const Filter> filter_;
 };
 
-bool isAscii(std::string_view text) {
-  for (unsigned char c : text) {
-    if (c & 0x80) return false;
-  }
-  return true;
-}
-
 // Candidates of a conjunction from the file index, in index order (newest
 // modification first), until `limit` (SIZE_MAX: all). A conjunction that
 // reads every record's inode (a last-used date) is spread over the request
@@ -269,32 +263,14 @@ void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_
                       const std::function<bool(Candidate&)>& accept) {
   FileIndexer* files = evaluation.sources().files;
   if (!files) return;
-  // Names that cannot match are skipped by one memmem over the record's
-  // lower-cased match text whenever that is safe (see TextPattern).
-  std::vector<const TextPattern*> filters;
+  // Names that cannot match are skipped without reading their records
+  // (see NamePrefilter).
+  std::vector<const TextPattern*> patterns;
   for (const auto& clause : plan.clauses) {
-    if (clause.attribute == Attribute::name && clause.comparison.op == ComparisonOperator::equal && clause.pattern &&
-        !clause.pattern->requiredLowercaseBytes().empty())
-      filters.push_back(&*clause.pattern);
+    if (clause.attribute == Attribute::name && clause.comparison.op == ComparisonOperator::equal && clause.pattern)
+      patterns.push_back(&*clause.pattern);
   }
-  auto mayMatch = [&](const FileTable& table, std::size_t row) {
-    if (filters.empty()) return true;
-    std::string_view text = table.matchText(row);
-    thread_local std::string skeleton;
-    bool haveSkeleton = false;
-    for (const TextPattern* pattern : filters) {
-      const std::string& needle = pattern->requiredLowercaseBytes();
-      if (memmem(text.data(), text.size(), needle.data(), needle.size())) continue;
-      if (pattern->requiredBytesHoldInAnyText() || isAscii(text)) return false;
-      // Not ASCII: "café" holds "cafe" only once its accent is dropped.
-      if (!haveSkeleton) {
-        asciiSkeleton(text, skeleton);
-        haveSkeleton = true;
-      }
-      if (!memmem(skeleton.data(), skeleton.size(), needle.data(), needle.size())) return false;
-    }
-    return true;
-  };
+  NamePrefilter prefilter(patterns);
   auto consider = [&](const FileTable& table, std::size_t row, Candidate& candidate) {
     candidate.name = table.name(row);
     candidate.isDir = table.isDirectory(row);
@@ -310,8 +286,8 @@ void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_
   FileIndexSnapshot snapshot = files->snapshot();
   if (plan.usesLastUsed) {
     std::vector<std::pair<const FileTable*, std::size_t>> records;
-    snapshot.forEach([&](const FileTable& table, std::size_t row) {
-      if (mayMatch(table, row)) records.emplace_back(&table, row);
+    prefilter.forEachCandidate(snapshot.segments(), [&](const FileTable& table, std::size_t row) {
+      records.emplace_back(&table, row);
       return true;
     });
     constexpr std::size_t kChunk = 2048;
@@ -333,8 +309,7 @@ void collectFromIndex(const Plan& plan, const Evaluation& evaluation, std::size_
     return;
   }
   std::size_t accepted = 0;
-  snapshot.forEach([&](const FileTable& table, std::size_t row) {
-    if (!mayMatch(table, row)) return true;
+  prefilter.forEachCandidate(snapshot.segments(), [&](const FileTable& table, std::size_t row) {
     Candidate candidate;
     if (!consider(table, row, candidate)) return true;
     if (accept(candidate)) ++accepted;

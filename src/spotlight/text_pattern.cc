@@ -155,6 +155,53 @@ void asciiSkeleton(std::string_view text, std::string& out) {
   }
 }
 
+bool asciiSkeletonOnlyMasks(std::string_view text) {
+  // Per code point of the Basic Multilingual Plane: 0 not looked at yet,
+  // 1 written as 0x01 in a skeleton, 2 folds into ASCII (or nothing).
+  thread_local std::vector<uint8_t> bmp;
+  auto masked = [](char32_t c) {
+    const std::string& folded = foldedCodePoint(c, true, true);
+    return std::any_of(folded.begin(), folded.end(), [](char b) { return (b & 0x80) != 0; });
+  };
+  for (std::size_t at = 0; at < text.size();) {
+    unsigned char byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x80) {
+      if (byte == 0) break;
+      if (byte >= 'A' && byte <= 'Z') return false;
+      ++at;
+      continue;
+    }
+    // The two- and three-byte forms names mostly use are decoded here; the
+    // rest (and anything malformed) as asciiSkeleton decodes them.
+    char32_t c;
+    auto continues = [&](std::size_t k) {
+      return at + k < text.size() && (static_cast<unsigned char>(text[at + k]) & 0xC0) == 0x80;
+    };
+    if (byte >= 0xC2 && byte <= 0xDF && continues(1)) {
+      c = (static_cast<char32_t>(byte & 0x1F) << 6) | (static_cast<unsigned char>(text[at + 1]) & 0x3F);
+      at += 2;
+    } else if (((byte >= 0xE1 && byte <= 0xEC) || byte == 0xEE || byte == 0xEF) && continues(1) && continues(2)) {
+      c = (static_cast<char32_t>(byte & 0x0F) << 12) |
+          (static_cast<char32_t>(static_cast<unsigned char>(text[at + 1]) & 0x3F) << 6) |
+          (static_cast<unsigned char>(text[at + 2]) & 0x3F);
+      at += 3;
+    } else {
+      Utf8Step step = decodeUtf8(text, at);
+      at += step.length;
+      c = step.valid ? step.codePoint : 0xFFFD;
+    }
+    if (c >= 0x10000) {
+      if (!masked(c)) return false;
+      continue;
+    }
+    if (bmp.empty()) bmp.assign(0x10000, 0);
+    uint8_t& known = bmp[c];
+    if (known == 0) known = masked(c) ? 1 : 2;
+    if (known == 2) return false;
+  }
+  return true;
+}
+
 TextPattern::TextPattern(const QueryValue& value)
     : caseInsensitive_(value.caseInsensitive),
       diacriticInsensitive_(value.diacriticInsensitive),

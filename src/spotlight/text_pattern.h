@@ -40,6 +40,14 @@ FoldedText foldText(std::string_view text, bool caseInsensitive, bool diacriticI
 // looked for (a name that matches always holds them in this form).
 void asciiSkeleton(std::string_view text, std::string& out);
 
+// Whether asciiSkeleton(text) is only the text with each character that is
+// not ASCII written as 0x01: the text has no upper-case ASCII letter and no
+// character that folds into ASCII or into nothing ("é", a combining accent,
+// "ﬁ", the Kelvin sign). Then a run of ASCII bytes without 0x01 is in the
+// skeleton only where it is in the text, and the skeleton need not be built.
+// A NUL ends the text (a record's whole region may be passed).
+bool asciiSkeletonOnlyMasks(std::string_view text);
+
 class TextPattern {
  public:
   explicit TextPattern(const QueryValue& value);
