@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <utility>
 
 #include "fileindex/match_logic.h"
 
@@ -26,6 +29,34 @@ std::size_t sampledOccurrences(const FileSegments& segments, std::string_view by
     return count;
   }
   return 0;
+}
+
+// Rows of a table whose match text is not ASCII and holds something that
+// folds into ASCII (an accent, a ligature, a capital): the only ones whose
+// skeleton can hold a run that their text lacks, unless the run holds the
+// skeleton's mask byte. A table never changes, so each one is looked at once
+// (by the first query that meets it) and the answer kept while it lives.
+std::shared_ptr<const std::vector<uint32_t>> foldableRows(const FileTableRef& table) {
+  static std::mutex mutex;
+  static std::vector<std::pair<std::weak_ptr<const FileTable>, std::shared_ptr<const std::vector<uint32_t>>>> cache;
+  {
+    std::lock_guard lock(mutex);
+    for (const auto& [owner, rows] : cache) {
+      if (owner.lock() == table) return rows;
+    }
+  }
+  auto rows = std::make_shared<std::vector<uint32_t>>();
+  for (std::size_t row = 0; row < table->size(); ++row) {
+    if (table->matchTextIsAscii(row)) continue;
+    std::size_t regionLength = table->textOffset(row + 1) - table->textOffset(row);
+    if (!asciiSkeletonOnlyMasks(std::string_view(table->matchCString(row), regionLength))) {
+      rows->push_back(static_cast<uint32_t>(row));
+    }
+  }
+  std::lock_guard lock(mutex);
+  std::erase_if(cache, [](const auto& entry) { return entry.first.expired(); });
+  cache.emplace_back(table, rows);
+  return rows;
 }
 
 }  // namespace
@@ -128,8 +159,19 @@ bool NamePrefilter::walkTable(const Segment& segment, const Needle& anchor,
   // Records whose match text is not ASCII may hold the run only in their
   // skeleton, unless folding cannot hide it.
   const bool foldingMayHide = !anchor.pattern->requiredBytesHoldInAnyText();
+  // Only texts where something folds into ASCII can gain the run, unless it
+  // holds the mask byte every other character becomes.
+  const bool anyNeedleHoldsMask =
+      std::any_of(needles_.begin(), needles_.end(), [](const Needle& needle) { return needle.holdsMask; });
+  std::shared_ptr<const std::vector<uint32_t>> foldable;
+  if (foldingMayHide && !anyNeedleHoldsMask) foldable = foldableRows(segment.table);
+  std::size_t nextFoldable = 0;
   auto nextNotAscii = [&](std::size_t from) {
     if (!foldingMayHide) return rows;
+    if (foldable) {
+      while (nextFoldable < foldable->size() && (*foldable)[nextFoldable] < from) ++nextFoldable;
+      return nextFoldable < foldable->size() ? static_cast<std::size_t>((*foldable)[nextFoldable]) : rows;
+    }
     while (from < rows && table.matchTextIsAscii(from)) ++from;
     return from;
   };

@@ -13,7 +13,9 @@
 // arena for one pattern's run (the one seen least often in a sample) with a
 // vectorised substring search, and looks only at the records where that run
 // occurs, and, when folding could hide the run, at the records whose match
-// text is not ASCII (a flag of the table, no text read to find them).
+// text holds something that folds into ASCII (found once per table, by the
+// first query that meets it, and kept while the table lives; most texts that
+// are not ASCII, Chinese names among them, have nothing that folds).
 #pragma once
 
 #include <cstddef>
