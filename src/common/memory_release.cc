@@ -45,6 +45,11 @@ void releaseFreedMemory() { ::malloc_trim(0); }
 
 void limitAllocatorArenas() {
   ::mallopt(M_ARENA_MAX, 2);
+  // A fixed threshold: blocks of 8 MiB or more (the index's text arenas,
+  // walk buffers) get pages of their own and give them all back when freed.
+  // Left to itself, glibc raises the threshold to the largest block freed so
+  // far, and later large blocks land among small ones in the arenas.
+  ::mallopt(M_MMAP_THRESHOLD, 8 * 1024 * 1024);
 }
 
 void releaseFreedMemorySoon() {
