@@ -147,7 +147,7 @@ double DesktopSearch::nameRelevance(std::string_view lowerName, const std::vecto
     if (exact) *exact = true;
     return 1.0;
   }
-  if (lowerName.substr(0, query.size()) == query) return 0.75;
+  if (lowerName.substr(0, words[0].size()) == words[0]) return 0.75;
   bool eachStartsWord = true;
   for (const auto& word : words) eachStartsWord = eachStartsWord && startsWordAnywhere(lowerName, word);
   return eachStartsWord ? 0.5 : 0.25;

@@ -77,9 +77,9 @@ class DesktopSearch {
   // A typed line as words: split at white space, lower-cased.
   static std::vector<std::string> wordsOf(std::string_view text);
   static std::string lowercased(std::string_view text);
-  // How well a (lower-case) name matches the words: 1.0 equal (with or
-  // without its extension), 0.75 starts with them, 0.5 each word starts a
-  // word of the name, 0.25 otherwise. *exact tells the first case.
+  // How well a (lower-case) name matches the words: 1.0 equal to them (with
+  // or without its extension), 0.75 starts with the first word, 0.5 each
+  // word starts a word of the name, 0.25 otherwise. *exact tells the first case.
   static double nameRelevance(std::string_view lowerName, const std::vector<std::string>& words, bool* exact);
   // Whether every word occurs in the text.
   static bool containsAll(std::string_view text, const std::vector<std::string>& words);
