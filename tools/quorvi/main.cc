@@ -5,6 +5,8 @@
 //   quorvi [OPTIONS] index [DIR...]       index folders, showing progress
 //   quorvi [OPTIONS] search [QUERY]       search the apps, then the files (interactive without QUERY)
 //   quorvi [OPTIONS] ping                 is the service there?
+//   quorvi [OPTIONS] doctor               what is installed, registered and running
+//   quorvi [OPTIONS] rofi [TEXT]          rofi's script mode (see desktop_commands.h)
 //   quorvi --help                         every operation with its arguments
 #include <termios.h>
 #include <unistd.h>
@@ -25,6 +27,7 @@
 #include "common/json.h"
 #include "fuse/fuse.h"
 #include "service/bus_client.h"
+#include "tools/quorvi/desktop_commands.h"
 #include "tools/quorvi/reply_printer.h"
 
 namespace quorvi {
@@ -44,6 +47,8 @@ void printHelp() {
       "       quorvi [OPTIONS] index [DIR...]\n"
       "       quorvi [OPTIONS] search [QUERY]         (apps first, then files)\n"
       "       quorvi [OPTIONS] ping\n"
+      "       quorvi [OPTIONS] doctor                 (installed, registered, running?)\n"
+      "       quorvi [OPTIONS] rofi [TEXT]            (rofi -show quorvi -modi \"quorvi:quorvi rofi\")\n"
       "\n"
       "Calls quorvifind (%s on the session bus). MEMBER is a member name or a\n"
       "selector. Arguments by type: s text; x integer; b true/false; as a JSON\n"
@@ -380,6 +385,8 @@ int main(int argc, char** argv) {
   if (command == "wait" && words.size() == 1) return waitCommand(options, words[0]);
   if (command == "index") return indexCommand(options, words);
   if (command == "search") return searchCommand(options, words);
+  if (command == "doctor") return doctorCommand(options.address);
+  if (command == "rofi") return rofiCommand(options.address, words);
   if (command == "call" && !words.empty()) {
     command = words.front();
     words.erase(words.begin());

@@ -1,0 +1,189 @@
+// A person using the service through rofi: an X server of its own (Xvfb),
+// the real quorvifind on a private bus, rofi in `quorvi rofi` script mode,
+// keys typed with xdotool. The rows rofi draws are read back from a
+// screenshot with Tesseract; the screenshot is kept in the build folder
+// (test-artefacts/rofi-search.png).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/test_bus.h"
+
+extern char** environ;
+
+namespace quorvi::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// A child process ended (TERM, then KILL) when the object goes.
+class Child {
+ public:
+  Child(std::vector<std::string> argv, std::vector<std::string> env, std::string log = "/dev/null") {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char*> args, envp;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    for (auto& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    if (::posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~Child() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    for (int i = 0; i < 200; ++i) {
+      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) return;
+      std::this_thread::sleep_for(10ms);
+    }
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  bool ok() const { return pid_ > 0; }
+  bool exited() {
+    if (pid_ <= 0) return true;
+    if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
+      pid_ = -1;
+      return true;
+    }
+    return false;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+std::vector<std::string> environmentWith(std::map<std::string, std::string> extra) {
+  std::map<std::string, std::string> env;
+  for (char** e = environ; *e; ++e) {
+    std::string entry = *e;
+    auto eq = entry.find('=');
+    if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (auto& [k, v] : extra) env[k] = v;
+  std::vector<std::string> out;
+  for (auto& [k, v] : env) out.push_back(k + "=" + v);
+  return out;
+}
+
+int run(const std::string& command) { return std::system(command.c_str()); }
+
+// Starts Xvfb on a display it picks itself (-displayfd); "" when it cannot.
+std::string startXvfb(std::unique_ptr<Child>& xvfb, const std::string& dir) {
+  std::string fdFile = dir + "/display";
+  // Xvfb writes the display number to the descriptor; a file serves.
+  int fd = ::open(fdFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) return "";
+  xvfb = std::make_unique<Child>(
+      std::vector<std::string>{"Xvfb", "-displayfd", std::to_string(fd), "-screen", "0", "1280x800x24", "-nolisten",
+                               "tcp"},
+      environmentWith({}));
+  ::close(fd);
+  for (int i = 0; i < 500; ++i) {
+    std::string number = readFile(fdFile);
+    if (!number.empty() && number.back() == '\n') return ":" + number.substr(0, number.size() - 1);
+    std::this_thread::sleep_for(10ms);
+  }
+  return "";
+}
+
+TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
+  for (const char* tool : {"Xvfb", "rofi", "xdotool", "import", "tesseract"})
+    ASSERT_EQ(run(std::string("command -v ") + tool + " >/dev/null"), 0) << tool << " is missing (tools/setup.sh)";
+  TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  TemporaryDirectory home;
+  const std::string& h = home.path();
+  home.write("recorder", "#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"$HOME/opened\"\n", true);
+  home.write(".local/share/applications/recorder.desktop",
+             "[Desktop Entry]\nType=Application\nName=Recorder\nExec=" + h + "/recorder %u\nMimeType=text/plain;\n");
+  home.write(".config/mimeapps.list", "[Default Applications]\ntext/plain=recorder.desktop\n");
+  home.write("docs/budget.txt", "");
+  home.write("docs/budget plan 2025.txt", "");
+  home.write("docs/holiday photos.txt", "");
+  ServiceProcess service(bus, h, {{"XDG_DATA_DIRS", h + "/.system-share:/usr/share"}});
+  ASSERT_TRUE(service.ok()) << service.output();
+  auto client = bus.connect();
+  ASSERT_TRUE(client->subscribe("fileIndexStateDidChange"));
+  ASSERT_TRUE(callMember(*client, "StartIndexFilesWithSearchScopes", {h + "/docs"}).ok);
+  for (int i = 0; i < 100; ++i) {
+    auto found = callMember(*client, "SearchFilesWithQueryMaxcountCompletion", {"budget", "10"});
+    if (found.ok && !found.values.empty() && found.values[0].text()) break;
+    client->waitForSignal("fileIndexStateDidChange", client->signalCount("fileIndexStateDidChange"), 100ms);
+  }
+
+  std::unique_ptr<Child> xvfb;
+  std::string display = startXvfb(xvfb, h);
+  ASSERT_FALSE(display.empty()) << "Xvfb did not start";
+  std::string quorvi = buildDirectory() + "/tools/quorvi/quorvi";
+  auto env = environmentWith({{"DISPLAY", display},
+                              {"HOME", h},
+                              {"XDG_CONFIG_HOME", h + "/.config"},
+                              {"DBUS_SESSION_BUS_ADDRESS", bus.address()}});
+  Child rofi({"rofi", "-show", "quorvi", "-modi", "quorvi:" + quorvi + " rofi", "-theme-str",
+              "* { font: \"DejaVu Sans 18\"; } window { width: 1100px; } "
+              "element selected.normal { background-color: #ffffff; text-color: #000000; }"},
+             env, h + "/rofi.log");
+  ASSERT_TRUE(rofi.ok());
+  std::string x = "DISPLAY=" + display + " ";
+  // rofi is ready once its window is mapped.
+  bool mapped = false;
+  for (int i = 0; i < 500 && !mapped; ++i) {
+    mapped = run(x + "xdotool search --onlyvisible --class rofi >/dev/null 2>&1") == 0;
+    if (!mapped) std::this_thread::sleep_for(20ms);
+  }
+  ASSERT_TRUE(mapped) << readFile(h + "/rofi.log");
+
+  // The words, then Enter: the script asks the service and rofi lists the rows.
+  ASSERT_EQ(run(x + "xdotool type --delay 40 'budget' && " + x + "xdotool key Return"), 0);
+  std::string artefacts = buildDirectory() + "/test-artefacts";
+  fs::create_directories(artefacts);
+  std::string shot = artefacts + "/rofi-search.png";
+  std::string text;
+  for (int i = 0; i < 50; ++i) {
+    std::this_thread::sleep_for(200ms);
+    run(x + "import -window root '" + shot + "' 2>/dev/null");
+    run("tesseract '" + shot + "' '" + h + "/ocr' --psm 6 >/dev/null 2>&1");  // one block of lines
+    // Blanks as read are unreliable ("budget. txt"): compare without them.
+    text = readFile(h + "/ocr.txt");
+    std::erase_if(text, [](char c) { return c == ' '; });
+    if (text.find("budgetplan2025.txt") != std::string::npos) break;
+  }
+  EXPECT_NE(text.find("2matchesfor"), std::string::npos) << text;
+  auto exact = text.find("budget.txt"), longer = text.find("budgetplan2025.txt");
+  ASSERT_NE(exact, std::string::npos) << text;
+  ASSERT_NE(longer, std::string::npos) << text;
+  EXPECT_LT(exact, longer) << "the equal name comes first:\n" << text;
+  EXPECT_EQ(text.find("holiday"), std::string::npos) << text;
+
+  // Typing narrows the rows in rofi; Enter opens the one left.
+  ASSERT_EQ(run(x + "xdotool type --delay 40 ' plan' && " + x + "xdotool key Return"), 0);
+  std::string opened;
+  for (int i = 0; i < 500 && opened.empty(); ++i) {
+    std::this_thread::sleep_for(20ms);
+    opened = readFile(h + "/opened");
+  }
+  EXPECT_EQ(opened, h + "/docs/budget plan 2025.txt\n");
+}
+
+}  // namespace
+}  // namespace quorvi::testing
