@@ -4,14 +4,18 @@
 // screenshot with Tesseract; the screenshot is kept in the build folder
 // (test-artefacts/rofi-search.png).
 #include <fcntl.h>
+#include <poll.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <pty.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -183,6 +187,95 @@ TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
     opened = readFile(h + "/opened");
   }
   EXPECT_EQ(opened, h + "/docs/budget plan 2025.txt\n");
+}
+
+// The frame `quorvi search` drew last, without its escape sequences.
+std::string lastFrame(const std::string& screen) {
+  std::string frame = screen.substr(std::min(screen.size(), screen.rfind("\033[H\033[J") + 1));
+  static const std::regex escape("\033\\[[0-9;]*[A-Za-z]");
+  frame = std::regex_replace(frame, escape, "");
+  std::erase(frame, '\r');
+  return frame;
+}
+
+TEST(TerminalSearchTest, ArrowsChooseAndEnterOpens) {
+  TestBus bus;
+  ASSERT_TRUE(bus.ok());
+  TemporaryDirectory home;
+  const std::string& h = home.path();
+  home.write("recorder", "#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"$HOME/opened\"\n", true);
+  home.write(".local/share/applications/recorder.desktop",
+             "[Desktop Entry]\nType=Application\nName=Recorder\nExec=" + h + "/recorder %u\nMimeType=text/plain;\n");
+  home.write(".config/mimeapps.list", "[Default Applications]\ntext/plain=recorder.desktop\n");
+  home.write("docs/minutes one.txt", "");
+  home.write("docs/minutes two.txt", "");
+  ServiceProcess service(bus, h);
+  ASSERT_TRUE(service.ok()) << service.output();
+  auto client = bus.connect();
+  ASSERT_TRUE(callMember(*client, "StartIndexFilesWithSearchScopes", {h + "/docs"}).ok);
+  ASSERT_TRUE(client->subscribe("fileIndexStateDidChange"));
+  for (int i = 0; i < 100; ++i) {
+    auto found = callMember(*client, "SearchFilesWithQueryMaxcountCompletion", {"minutes", "10"});
+    if (found.ok && !found.values.empty() && found.values[0].text()) break;
+    client->waitForSignal("fileIndexStateDidChange", client->signalCount("fileIndexStateDidChange"), 100ms);
+  }
+
+  auto env = environmentWith({{"HOME", h}, {"DBUS_SESSION_BUS_ADDRESS", bus.address()}, {"TERM", "xterm"}});
+  std::vector<char*> envp;
+  for (auto& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  std::string quorvi = buildDirectory() + "/tools/quorvi/quorvi";
+  int terminal = -1;
+  pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const char* argv[] = {quorvi.c_str(), "search", nullptr};
+    ::execve(argv[0], const_cast<char**>(argv), envp.data());
+    ::_exit(127);
+  }
+  std::string screen;
+  auto readUntil = [&](const std::function<bool()>& done) {
+    char buffer[4096];
+    for (int i = 0; i < 500 && !done(); ++i) {
+      pollfd fd{terminal, POLLIN, 0};
+      if (::poll(&fd, 1, 20) > 0) {
+        ssize_t n = ::read(terminal, buffer, sizeof buffer);
+        if (n <= 0) break;
+        screen.append(buffer, std::size_t(n));
+      }
+    }
+  };
+  readUntil([&] { return screen.find("Esc quits") != std::string::npos; });
+  ASSERT_EQ(::write(terminal, "minutes", 7), 7);
+  readUntil([&] {
+    std::string frame = lastFrame(screen);
+    return frame.find("quits): minutes\n") != std::string::npos && frame.find("(2 hits") != std::string::npos;
+  });
+  std::string frame = lastFrame(screen);
+  ASSERT_NE(frame.find("(2 hits"), std::string::npos) << frame;
+  // The first hit is chosen; the arrow moves to the second, Enter opens it.
+  std::smatch rows;
+  ASSERT_TRUE(std::regex_search(frame, rows, std::regex("> (\\S[^\\n]*)\\n  (\\S[^\\n]*)\\n"))) << frame;
+  std::string second = rows[2];
+  EXPECT_NE(screen.find("\033[1mminutes\033[22m"), std::string::npos) << "the typed word is not highlighted";
+  ASSERT_EQ(::write(terminal, "\033[B", 3), 3);
+  readUntil([&] { return lastFrame(screen).find("> " + second) != std::string::npos; });
+  ASSERT_EQ(::write(terminal, "\r", 1), 1);
+  std::string opened;
+  for (int i = 0; i < 500 && opened.empty(); ++i) {
+    std::this_thread::sleep_for(20ms);
+    opened = readFile(h + "/opened");
+  }
+  EXPECT_EQ(opened, second + "\n");
+  ASSERT_EQ(::write(terminal, "\033", 1), 1);
+  int status = 0;
+  for (int i = 0; i < 200 && ::waitpid(pid, &status, WNOHANG) == 0; ++i) std::this_thread::sleep_for(10ms);
+  if (::waitpid(pid, &status, WNOHANG) == 0) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+    ADD_FAILURE() << "Esc did not end the search";
+  }
+  ::close(terminal);
 }
 
 }  // namespace
