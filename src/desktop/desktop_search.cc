@@ -19,7 +19,7 @@ namespace {
 
 // File hits examined per search before ranking: the index answers in its own
 // order (newest first), so the best name may not be the first hit.
-constexpr int64_t kFileCandidates = 400;
+constexpr int64_t kFileCandidates = 200;
 
 constexpr double kRankBonus[] = {0.08, 0.04, 0.0, 0.0, 0.0};  // by DesktopResultKind
 
@@ -109,6 +109,12 @@ DesktopSearch& DesktopSearch::shared() {
 }
 
 std::string DesktopSearch::lowercased(std::string_view text) {
+  // Most names are ASCII: lowered here without ICU.
+  if (std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+    std::string lower(text);
+    for (char& c : lower) c = char(std::tolower(static_cast<unsigned char>(c)));
+    return lower;
+  }
   std::string lower;
   icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())))
       .toLower()
