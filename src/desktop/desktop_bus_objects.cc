@@ -2,7 +2,11 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <exception>
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -54,10 +58,28 @@ struct Host {
   void answerFromPool(sd_bus_message* message, std::function<std::function<int(sd_bus_message*)>()> work) {
     auto call = keep(message);
     DispatchQueue::global().async([this, call = std::move(call), work = std::move(work)]() mutable {
-      replyLater(std::move(call), work());
+      std::function<int(sd_bus_message*)> fill;
+      try {
+        fill = work();
+      } catch (const std::exception& error) {
+        // A fault of ours: the host sees an error reply, the service goes on.
+        std::fprintf(stderr, "quorvifind: desktop: search failed: %s\n", error.what());
+        fill = [](sd_bus_message*) { return -EIO; };
+      }
+      replyLater(std::move(call), std::move(fill));
     });
   }
 };
+
+// Runs an opening task; a fault is logged, never fatal.
+template <typename Work>
+void guarded(Work&& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "quorvifind: desktop: %s\n", error.what());
+  }
+}
 
 Host& hostOf(void* userdata) { return *static_cast<Host*>(userdata); }
 
@@ -174,8 +196,9 @@ int onGetResultMetas(sd_bus_message* message, void* userdata, sd_bus_error*) {
   if (r < 0) return r;
   hostOf(userdata).answerFromPool(message, [identifiers] {
     std::vector<DesktopResult> results;
-    for (const auto& id : identifiers) {
-      if (auto result = DesktopSearch::shared().result(id)) results.push_back(std::move(*result));
+    std::size_t count = std::min(identifiers.size(), DesktopSearch::kMaxIdentifiers);
+    for (std::size_t i = 0; i < count; ++i) {
+      if (auto result = DesktopSearch::shared().result(identifiers[i])) results.push_back(std::move(*result));
     }
     return [results](sd_bus_message* reply) {
       int r = sd_bus_message_open_container(reply, 'a', "a{sv}");
@@ -201,18 +224,20 @@ int onActivateResult(sd_bus_message* message, void*, sd_bus_error*) {
   std::string id = identifier ? identifier : "";
   acknowledge(message);
   DispatchQueue::global().async([id] {
-    if (auto result = DesktopSearch::shared().result(id)) {
-      DesktopOpener::open(*result);
-    } else {
-      std::fprintf(stderr, "quorvifind: desktop: no result %s to open\n", id.c_str());
-    }
+    guarded([&] {
+      if (auto result = DesktopSearch::shared().result(id)) {
+        DesktopOpener::open(*result);
+      } else {
+        std::fprintf(stderr, "quorvifind: desktop: no result %s to open\n", id.c_str());
+      }
+    });
   });
   return 1;
 }
 
 int onLaunchSearch(sd_bus_message* message, void*, sd_bus_error*) {
   acknowledge(message);
-  DispatchQueue::global().async([] { DesktopOpener::launchDesktopEntry(kDesktopEntryId); });
+  DispatchQueue::global().async([] { guarded([] { DesktopOpener::launchDesktopEntry(kDesktopEntryId); }); });
   return 1;
 }
 
@@ -299,7 +324,7 @@ int onMatch(sd_bus_message* message, void* userdata, sd_bus_error*) {
   if (r < 0) return r;
   std::string text = query ? query : "";
   hostOf(userdata).answerFromPool(message, [text] {
-    auto results = DesktopSearch::shared().search(DesktopSearch::wordsOf(text), kKRunnerMatchLimit);
+    auto results = DesktopSearch::shared().search({text}, kKRunnerMatchLimit);
     return [results](sd_bus_message* reply) {
       int r = sd_bus_message_open_container(reply, 'a', "(sssida{sv})");
       for (const auto& result : results) {
@@ -325,6 +350,8 @@ int onActions(sd_bus_message* message, void*, sd_bus_error*) {
   return r < 0 ? r : 1;
 }
 
+void run(const std::string& id, const std::string& action);
+
 int onRun(sd_bus_message* message, void*, sd_bus_error*) {
   const char* matchId = nullptr;
   const char* actionId = nullptr;
@@ -332,21 +359,24 @@ int onRun(sd_bus_message* message, void*, sd_bus_error*) {
   if (r < 0) return r;
   std::string id = matchId ? matchId : "", action = actionId ? actionId : "";
   acknowledge(message);
-  DispatchQueue::global().async([id, action] {
-    auto result = DesktopSearch::shared().result(id);
-    if (!result) {
-      std::fprintf(stderr, "quorvifind: desktop: no match %s to run\n", id.c_str());
-    } else if (action.empty() || action == "open") {
-      DesktopOpener::open(*result);
-    } else if (action == "openFolder") {
-      DesktopOpener::openContainingFolder(*result);
-    } else if (action == "copyPath") {
-      DesktopOpener::copyToClipboard(isOnDisk(*result) ? result->target : result->description);
-    } else {
-      std::fprintf(stderr, "quorvifind: desktop: unknown action %s\n", action.c_str());
-    }
-  });
+  DispatchQueue::global().async([id, action] { guarded([&] { run(id, action); }); });
   return 1;
+}
+
+// KRunner's Run: the match's default action or the one named.
+void run(const std::string& id, const std::string& action) {
+  auto result = DesktopSearch::shared().result(id);
+  if (!result) {
+    std::fprintf(stderr, "quorvifind: desktop: no match %s to run\n", id.c_str());
+  } else if (action.empty() || action == "open") {
+    DesktopOpener::open(*result);
+  } else if (action == "openFolder") {
+    DesktopOpener::openContainingFolder(*result);
+  } else if (action == "copyPath") {
+    DesktopOpener::copyToClipboard(isOnDisk(*result) ? result->target : result->description);
+  } else {
+    std::fprintf(stderr, "quorvifind: desktop: unknown action %s\n", action.c_str());
+  }
 }
 
 // The results stay remembered (a bounded number): a Run may still come for

@@ -101,6 +101,25 @@ DesktopResult appResult(const AppEntry& entry, const std::vector<std::string>& w
   return result;
 }
 
+// A text field of a JSON object; "" when absent or not text.
+std::string stringField(const Json& object, const char* key) {
+  auto it = object.find(key);
+  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+// The words of all the terms; nothing when the terms pass the bounds.
+std::vector<std::string> boundedWords(const std::vector<std::string>& terms) {
+  std::vector<std::string> words;
+  std::size_t bytes = 0;
+  for (const auto& term : terms) {
+    bytes += term.size() + 1;
+    if (bytes > DesktopSearch::kMaxQueryBytes + 1) return {};
+    for (auto& piece : DesktopSearch::wordsOf(term)) words.push_back(std::move(piece));
+    if (words.size() > DesktopSearch::kMaxWords) return {};
+  }
+  return words;
+}
+
 }  // namespace
 
 DesktopSearch& DesktopSearch::shared() {
@@ -160,10 +179,7 @@ double DesktopSearch::nameRelevance(std::string_view lowerName, const std::vecto
 }
 
 std::vector<DesktopResult> DesktopSearch::search(const std::vector<std::string>& givenWords, std::size_t limit) {
-  std::vector<std::string> words;
-  for (const auto& word : givenWords) {
-    for (auto& piece : wordsOf(word)) words.push_back(std::move(piece));
-  }
+  std::vector<std::string> words = boundedWords(givenWords);
   std::vector<DesktopResult> results;
   if (words.empty() || limit == 0) return results;
   searchApps(words, results);
@@ -210,13 +226,18 @@ void DesktopSearch::searchFiles(const std::vector<std::string>& words, std::vect
 
 std::shared_ptr<const std::vector<DesktopSearch::ZoteroItem>> DesktopSearch::zoteroItems() {
   std::shared_ptr<const Bytes> source = ZoteroIndexer::shared().cachedGroupsJSON();
-  std::lock_guard lock(mutex_);
-  if (!source) {
-    zoteroSource_.reset();
-    zoteroItems_.reset();
-    return nullptr;
+  {
+    std::lock_guard lock(mutex_);
+    if (!source) {
+      zoteroSource_.reset();
+      zoteroItems_.reset();
+      return nullptr;
+    }
+    if (source == zoteroSource_) return zoteroItems_;
   }
-  if (source == zoteroSource_) return zoteroItems_;
+  // Parsed without the lock (a large library takes a while, and the bus
+  // thread's narrowing must not wait for it); two searches meeting a new
+  // library may both parse it.
   auto items = std::make_shared<std::vector<ZoteroItem>>();
   Json groups = Json::parse(*source, nullptr, false);
   if (groups.is_array()) {
@@ -225,16 +246,17 @@ std::shared_ptr<const std::vector<DesktopSearch::ZoteroItem>> DesktopSearch::zot
       for (const auto& entry : group["entries"]) {
         if (!entry.is_object()) continue;
         ZoteroItem item;
-        item.title = entry.value("title", "");
-        item.key = entry.value("key", "");
-        item.library = entry.value("library", "");
-        item.itemType = entry.value("itemType", "");
+        item.title = stringField(entry, "title");
+        item.key = stringField(entry, "key");
+        item.library = stringField(entry, "library");
+        item.itemType = stringField(entry, "itemType");
         if (item.key.empty() || item.title.empty()) continue;
-        item.matchText = lowercased(item.title + " " + entry.value("searchKeyword", ""));
+        item.matchText = lowercased(item.title + " " + stringField(entry, "searchKeyword"));
         items->push_back(std::move(item));
       }
     }
   }
+  std::lock_guard lock(mutex_);
   zoteroSource_ = source;
   zoteroItems_ = items;
   return items;
@@ -289,14 +311,13 @@ void DesktopSearch::remember(const std::vector<DesktopResult>& results) {
 
 std::vector<std::string> DesktopSearch::refine(const std::vector<std::string>& previousIdentifiers,
                                                const std::vector<std::string>& givenWords) {
-  std::vector<std::string> words;
-  for (const auto& word : givenWords) {
-    for (auto& piece : wordsOf(word)) words.push_back(std::move(piece));
-  }
+  std::vector<std::string> words = boundedWords(givenWords);
   std::vector<std::string> kept;
   if (words.empty()) return kept;
+  std::size_t count = std::min(previousIdentifiers.size(), kMaxIdentifiers);
   std::lock_guard lock(mutex_);
-  for (const auto& identifier : previousIdentifiers) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string& identifier = previousIdentifiers[i];
     auto it = remembered_.find(identifier);
     if (it != remembered_.end() && containsAll(it->second.matchText, words)) kept.push_back(identifier);
   }
@@ -314,6 +335,7 @@ std::optional<DesktopResult> DesktopSearch::result(const std::string& identifier
   if (id.substr(0, kFile.size()) == kFile && id.size() > kFile.size() && id[kFile.size()] == '/') {
     std::string path(id.substr(kFile.size()));
     std::error_code error;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(path, error))) return std::nullopt;
     DesktopResult result = fileResult(path, std::filesystem::is_directory(path, error), {}, 0);
     result.iconName = iconNameFor(result);
     return result;

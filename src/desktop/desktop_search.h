@@ -57,19 +57,26 @@ class DesktopSearch {
   // At most this many results of each search are kept for later questions
   // about them (metas, activation, refinement).
   static constexpr std::size_t kRememberedResults = 4096;
+  // The launcher's file search refuses longer texts and more words (its
+  // request bounds); a desktop query past them finds nothing.
+  static constexpr std::size_t kMaxQueryBytes = 1024;
+  static constexpr std::size_t kMaxWords = 32;
+  // Identifiers looked at per call (previous results, metas); the rest are
+  // ignored. More were never returned by one search.
+  static constexpr std::size_t kMaxIdentifiers = kRememberedResults;
 
   static DesktopSearch& shared();
 
   // Everything that matches all the words (lower-cased here), best first, at
-  // most `limit`. No words, no results.
+  // most `limit`. No words, or more than the bounds above, no results.
   std::vector<DesktopResult> search(const std::vector<std::string>& words, std::size_t limit);
   // The previous results (identifiers a search returned) that still match all
   // the words, in their order: a narrowing search that never consults the
   // indexes. Identifiers it does not know are dropped.
   std::vector<std::string> refine(const std::vector<std::string>& previousIdentifiers,
                                   const std::vector<std::string>& words);
-  // A result returned earlier, or one rebuilt from its identifier (files,
-  // folders, applications); nothing for an identifier it cannot read.
+  // A result returned earlier, or one rebuilt from its identifier (files and
+  // folders that exist, applications of the app index); nothing otherwise.
   std::optional<DesktopResult> result(const std::string& identifier);
   // Forgets the remembered results (the host's session ended).
   void forget();
