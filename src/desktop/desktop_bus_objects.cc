@@ -83,16 +83,19 @@ void guarded(Work&& work) {
 
 Host& hostOf(void* userdata) { return *static_cast<Host*>(userdata); }
 
-int readStrings(sd_bus_message* message, std::vector<std::string>& out) {
-  char** strv = nullptr;
-  int r = sd_bus_message_read_strv(message, &strv);
+// Reads an "as", keeping at most `limit` strings (the rest are read past).
+// Element by element: sd_bus_message_read_strv grows its list one string
+// at a time, which takes quadratic time on the bus thread for a huge array.
+int readStrings(sd_bus_message* message, std::vector<std::string>& out,
+                std::size_t limit = DesktopSearch::kMaxIdentifiers) {
+  int r = sd_bus_message_enter_container(message, 'a', "s");
   if (r < 0) return r;
-  for (char** s = strv; s && *s; ++s) {
-    out.emplace_back(*s);
-    free(*s);
+  const char* s = nullptr;
+  while ((r = sd_bus_message_read_basic(message, 's', &s)) > 0) {
+    if (out.size() < limit) out.emplace_back(s);
   }
-  free(strv);
-  return 0;
+  if (r < 0) return r;
+  return sd_bus_message_exit_container(message);
 }
 
 int appendStrings(sd_bus_message* reply, const std::vector<std::string>& strings) {
