@@ -31,7 +31,7 @@ test: build
 sanitize: setup
 	@cmake -S . -B $(SANITIZE_BUILD) -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DQUORVI_FUZZ=ON >/dev/null
 	@cmake --build $(SANITIZE_BUILD) -j2 -- --quiet
-	@cd $(SANITIZE_BUILD) && ctest --output-on-failure -j2
+	@cd $(SANITIZE_BUILD) && LSAN_OPTIONS=suppressions=$(abspath tests/lsan-suppressions.txt) ctest --output-on-failure -j2
 
 fuzz: setup
 	@QUORVI_SANITIZE_BUILD=$(abspath $(SANITIZE_BUILD)) bash fuzz/run --seconds $(FUZZ_SECONDS)

@@ -248,7 +248,7 @@ int run(const std::string& self, const std::string& root, int repetitions, const
       std::string id = "org.example.Installed" + std::to_string(i) + "-" + std::to_string(::getpid());
       fs::path target = fs::path(root) / "home/.local/share/applications" / (id + ".desktop");
       fs::path temporary = target.string() + ".part";
-      writeFile(temporary, entryText(9000 + i));
+      writeFile(temporary, entryText(9001 + 7 * i));  // never one of the NoDisplay entries (i % 7 == 0)
       auto landed = std::chrono::steady_clock::now();
       fs::rename(temporary, target);
       for (;;) {

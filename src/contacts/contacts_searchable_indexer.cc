@@ -142,6 +142,9 @@ void ContactsSearchableIndexer::watch(const AddressBookSources& sources) {
   // Folders changed between now and their watch are reported, so a file
   // added while the first load reads is not missed.
   watchOptions.reportsFoldersChangedSince = fileClockSeconds();
+  // Evolution's database in write-ahead-log mode commits by appending to a
+  // log it keeps open: only writes to open files show those commits.
+  watchOptions.reportsWritesToOpenFiles = true;
   std::weak_ptr<ContactsSearchableIndexer> weak = weak_from_this();
   fileEvents_.startWatching(
       paths, options_.watcherIdentifier, eventQueue_, std::nullopt,

@@ -576,29 +576,27 @@ std::vector<File> FileIndexer::searchFolders(std::string_view query, int64_t max
 bool FileIndexer::containsFile(std::string_view path) const {
   if (path.empty()) return false;
   std::size_t slash = path.rfind('/');
-  std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  if (slash == std::string_view::npos) return false;
+  std::string_view name = path.substr(slash + 1);
+  std::string_view parent = slash == 0 ? std::string_view("/") : path.substr(0, slash);
   if (name.empty()) return false;
-  // Every record named `name` holds, in its arena region, either the name in
-  // ASCII lower case (at the start of its match text) or the raw name (after
-  // it). So only the records where one of the two occurs need comparing.
-  std::string lower(name);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
-  }
+  // This answers on the bus thread, so it must cost the same for any name:
+  // the folder's id, then one integer compare a record.
   FileSegments segments = fileRef_.copy();
   for (const auto& segment : segments) {
     const FileTable& table = *segment;
-    std::string_view arena = table.arena();
-    std::vector<std::string_view> needles{lower};
-    if (lower != name) needles.push_back(name);
-    for (const std::string_view needle : needles) {
-      const char* position = arena.data();
-      const char* const end = arena.data() + arena.size();
-      while (const char* hit = findBytes(position, end, needle)) {
-        std::size_t row = table.recordAt(static_cast<std::size_t>(hit - arena.data()));
+    const FolderTree& folders = table.folders();
+    uint32_t folder = folders.find(parent);
+    if (folder == FolderTree::kNotFound) {
+      // A scope's own record sits outside the folders its walk made.
+      if (folders.find(path) == FolderTree::kNotFound) continue;
+      for (std::size_t row = 0; row < table.size(); ++row) {
         if (segment.isLive(row) && table.nameEquals(row, name) && table.path(row) == path) return true;
-        position = arena.data() + table.textOffset(row + 1);
       }
+      continue;
+    }
+    for (std::size_t row = 0; row < table.size(); ++row) {
+      if (table.folderOf(row) == folder && segment.isLive(row) && table.nameEquals(row, name)) return true;
     }
   }
   return false;
@@ -633,24 +631,33 @@ std::vector<File> FileIndexer::ideProjects() {
   return projects;
 }
 
-std::optional<std::vector<FileBridge>> directoryFiles(const std::string& directory, bool skipHiddenFiles) {
+std::optional<std::vector<FileBridge>> directoryFiles(const std::string& directory, bool skipHiddenFiles,
+                                                      std::size_t maxEntries, std::size_t maxNamesRead) {
   std::string path = normalizedScope(expandTilde(directory));
   if (path.empty()) return std::nullopt;
   DIR* dir = ::opendir(path.c_str());
   if (!dir) return std::nullopt;
-  std::vector<FileBridge> entries;
-  while (dirent* entry = ::readdir(dir)) {
-    std::string name = entry->d_name;
+  std::vector<std::string> names;
+  while (names.size() < maxNamesRead) {
+    dirent* entry = ::readdir(dir);
+    if (!entry) break;
+    std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
     if (skipHiddenFiles && name.front() == '.') continue;
+    names.emplace_back(name);
+  }
+  ::closedir(dir);
+  const std::size_t kept = std::min(maxEntries, names.size());
+  std::partial_sort(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(kept), names.end());
+  names.resize(kept);
+  std::vector<FileBridge> entries;
+  entries.reserve(kept);
+  for (auto& name : names) {
     std::string full = path == "/" ? "/" + name : path + "/" + name;
     struct stat st;
     bool isFolder = ::stat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    entries.push_back({name, full, isFolder});
+    entries.push_back({std::move(name), std::move(full), isFolder});
   }
-  ::closedir(dir);
-  std::sort(entries.begin(), entries.end(),
-            [](const FileBridge& a, const FileBridge& b) { return a.nameOfDisplay < b.nameOfDisplay; });
   return entries;
 }
 

@@ -169,7 +169,6 @@ class FileIndexer {
   std::vector<std::string> searchScopes_;
   bool isIndexing_ = false;
   std::optional<std::string> indexDescription_;
-  bool isExamining_ = false;
   std::shared_ptr<const Filter> filter_;
   std::shared_ptr<const ScopeRules> rules_;
   std::optional<uint64_t> streamID_;
@@ -204,7 +203,11 @@ class FileIndexer {
 
 // The entries of a directory read from disk (not from the index), sorted by
 // name; hidden ones (names beginning with ".") left out when asked. nullopt
-// when the directory cannot be read.
-std::optional<std::vector<FileBridge>> directoryFiles(const std::string& directory, bool skipHiddenFiles);
+// when the directory cannot be read. A folder of millions of entries must not
+// hold a thread for seconds: at most `maxNamesRead` names are read, and the
+// first `maxEntries` of them by name are returned (and looked at).
+std::optional<std::vector<FileBridge>> directoryFiles(const std::string& directory, bool skipHiddenFiles,
+                                                      std::size_t maxEntries = 10000,
+                                                      std::size_t maxNamesRead = 200000);
 
 }  // namespace quorvi

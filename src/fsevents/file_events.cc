@@ -195,6 +195,10 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
     std::vector<std::pair<FileEvent, uint16_t>> reports;
   };
 
+  std::size_t armedSinceTrim = 0;
+  std::map<std::string, uint16_t> writes;  // files written while open, by watcher bits
+  bool writeFlushScheduled = false;
+
   // The first half of a rename, waiting for its second.
   struct Held {
     uint32_t folder;
@@ -244,6 +248,14 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
     uint16_t bits = 0;
     for (std::size_t slot = 0; slot < kMaxWatchers; ++slot) {
       if (watchers[slot].used) bits |= bitOf(slot);
+    }
+    return bits;
+  }
+
+  uint16_t writeWatchers() const {
+    uint16_t bits = 0;
+    for (std::size_t slot = 0; slot < kMaxWatchers; ++slot) {
+      if (watchers[slot].used && watchers[slot].options.reportsWritesToOpenFiles) bits |= bitOf(slot);
     }
     return bits;
   }
@@ -306,13 +318,22 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
   // node that stands for the folder afterwards (another one when the folder
   // was already known under another node), or kNone when it is gone.
   uint32_t watch(uint32_t node, const std::string& path) {
-    if (tree[node].state == WatchTree::State::watched) return node;
+    if (tree[node].state == WatchTree::State::watched) {
+      // A watcher that wants writes to open files joined a folder watched
+      // without them: add them to its watch.
+      if (tree[node].watchers & writeWatchers()) {
+        const bool isRoot = tree[node].parent == WatchTree::kNone;
+        ::inotify_add_watch(inotifyFd, path.c_str(), IN_MASK_ADD | IN_MODIFY | (isRoot ? 0 : IN_DONT_FOLLOW));
+      }
+      return node;
+    }
     if (budgetSpent || watchedCount >= budget) {
       budgetSpent = true;
       return node;  // stays swept
     }
     const bool isRoot = tree[node].parent == WatchTree::kNone;
-    int wd = ::inotify_add_watch(inotifyFd, path.c_str(), kFolderMask | (isRoot ? 0 : IN_DONT_FOLLOW));
+    const uint32_t writes = (tree[node].watchers & writeWatchers()) ? IN_MODIFY : 0;
+    int wd = ::inotify_add_watch(inotifyFd, path.c_str(), kFolderMask | writes | (isRoot ? 0 : IN_DONT_FOLLOW));
     if (wd < 0) {
       if (errno == ENOSPC) {
         budgetSpent = true;  // the user's whole allowance is in use elsewhere
@@ -412,6 +433,14 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
       for (auto& [event, bits] : job.reports) report(std::move(event.path), event.flags, bits, std::move(event.movedFrom));
       jobs.pop_front();
       --pendingJobs;
+    }
+    // Growth leaves up to half of the tree's vectors unused; once a large
+    // subtree is armed, the room goes back (not after every small one: each
+    // trim copies the tree).
+    armedSinceTrim += done;
+    if (jobs.empty() && armedSinceTrim >= 4096) {
+      tree.trimStorage();
+      armedSinceTrim = 0;
     }
   }
 
@@ -818,7 +847,28 @@ struct FileEvents::Impl : std::enable_shared_from_this<FileEvents::Impl> {
       report(childPath(tree.pathOf(node), raw.name), kFileEventRemoved | directoryFlag, bits);
     } else if (raw.mask & (IN_CLOSE_WRITE | IN_ATTRIB)) {
       report(childPath(tree.pathOf(node), raw.name), kFileEventModified | directoryFlag, bits);
+    } else if ((raw.mask & IN_MODIFY) && !isDirectory) {
+      noteWrite(childPath(tree.pathOf(node), raw.name), bits & writeWatchers());
     }
+  }
+
+  // Writes to open files: gathered per file and reported once the hold ends,
+  // so a log written a line at a time costs one event per hold, not one per
+  // write.
+  void noteWrite(std::string path, uint16_t bits) {
+    if (bits == 0) return;
+    writes[std::move(path)] |= bits;
+    if (writeFlushScheduled) return;
+    writeFlushScheduled = true;
+    std::weak_ptr<Impl> weak = shared_from_this();
+    queue->asyncAfter(DispatchQueue::Seconds(options.writeHold), [weak] {
+      auto self = weak.lock();
+      if (!self || self->stopping) return;
+      self->writeFlushScheduled = false;
+      for (auto& [path, bits] : self->writes) self->report(path, kFileEventModified, bits);
+      self->writes.clear();
+      self->deliver();
+    });
   }
 
   // An item created in, or moved into, a watched folder from outside.

@@ -102,6 +102,13 @@ struct FileWatchOptions {
   // so that a receiver that walked the folders before watching them learns
   // which changed in between. 0: none.
   double reportsFoldersChangedSince = 0;
+  // Whether writes to files that stay open (a database's write-ahead log,
+  // a log file) are reported too, as kFileEventModified, at most once per
+  // file every `writeHold` seconds. Without it a file is reported modified
+  // when a writer closes it. The clock of reportsFoldersChangedSince is the
+  // one file times are stamped with (CLOCK_REALTIME_COARSE), which may lag
+  // the precise wall clock by a tick.
+  bool reportsWritesToOpenFiles = false;
 };
 
 // Counts for the performance snapshot.
@@ -121,6 +128,7 @@ class FileEvents {
     std::string stateDirectory;           // empty: $XDG_STATE_HOME/quorvifind
     std::optional<int64_t> watchBudget;   // empty: half of max_user_watches
     double moveOutHold = 0.05;            // seconds an unmatched move-out waits
+    double writeHold = 0.1;               // seconds writes to one open file are gathered
     double sweepInterval = 2.0;           // seconds between sweeps of unwatched folders
     std::size_t journalBytes = 8u << 20;  // events kept for replay, in bytes
   };

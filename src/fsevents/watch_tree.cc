@@ -270,4 +270,9 @@ std::size_t WatchTree::bytesUsed() const {
   return nodes_.capacity() * sizeof(Node) + names_.capacity() + watchSlots_.capacity() * sizeof(uint32_t);
 }
 
+void WatchTree::trimStorage() {
+  if (nodes_.capacity() * 4 > nodes_.size() * 5) nodes_.shrink_to_fit();
+  if (names_.capacity() * 4 > names_.size() * 5) names_.shrink_to_fit();
+}
+
 }  // namespace quorvi

@@ -85,6 +85,9 @@ class WatchTree {
 
   // Memory held, for the statistics.
   std::size_t bytesUsed() const;
+  // Gives back the room vectors keep for growth when it is more than a
+  // quarter of what they hold (after a large subtree is armed).
+  void trimStorage();
 
   static uint32_t fingerprint(int64_t seconds, int64_t nanoseconds);
   static uint8_t ageOf(int64_t modifiedSeconds, int64_t nowSeconds);

@@ -274,6 +274,15 @@ TEST_F(AppIndexerTest, RealFileEventsKeepTheListCurrent) {
   fs::remove(installed);
   fs::remove_all(bundle);
   ASSERT_TRUE(waitUntil([&] { return !has(*indexer, installed) && !has(*indexer, bundle); }, 15s));
+  // Installs and removals in turn, each under a new name, keep being seen.
+  for (int round = 0; round < 2; ++round) {
+    std::string next = fixture_.userApplications() + "/again" + std::to_string(round) + ".desktop";
+    std::ofstream(temporary) << AppFixture::entryText("Again " + std::to_string(round));
+    fs::rename(temporary, next);
+    ASSERT_TRUE(waitUntil([&] { return has(*indexer, next); }, 15s)) << "round " << round;
+    fs::remove(next);
+    ASSERT_TRUE(waitUntil([&] { return !has(*indexer, next); }, 15s)) << "round " << round;
+  }
 }
 
 }  // namespace

@@ -220,6 +220,16 @@ TEST(ProjectLists, WorkspacesIdeProjectsAndDirectoryEntries) {
   EXPECT_EQ(visible->size(), names.size() - 1);
   EXPECT_FALSE(directoryFiles(tree.home() + "/missing", false));
   EXPECT_FALSE(directoryFiles("", false));
+  // A huge folder answers its first entries by name, from a bounded read.
+  auto firstThree = directoryFiles(tree.home() + "/code", false, 3);
+  ASSERT_TRUE(firstThree);
+  ASSERT_EQ(firstThree->size(), 3u);
+  EXPECT_EQ(firstThree->back().nameOfDisplay, "Old.CODE-WORKSPACE");
+  auto fromFive = directoryFiles(tree.home() + "/code", false, 3, 5);
+  ASSERT_TRUE(fromFive);
+  ASSERT_EQ(fromFive->size(), 3u);
+  EXPECT_TRUE(std::is_sorted(fromFive->begin(), fromFive->end(),
+                             [](const auto& a, const auto& b) { return a.nameOfDisplay < b.nameOfDisplay; }));
 }
 
 }  // namespace

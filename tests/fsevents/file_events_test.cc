@@ -371,6 +371,42 @@ TEST_F(FileEventsTest, FoldersBeyondTheBudgetAreSweptAndChangedOnesPromoted) {
   EXPECT_EQ(events.statistics().watchedFolders, 5);
 }
 
+// A database's write-ahead log stays open while it grows: only a watcher
+// that asks hears of those writes, gathered into few events.
+TEST_F(FileEventsTest, WritesToOpenFilesReachOnlyTheWatchersThatAskAndAreGathered) {
+  fs::create_directories(root + "/db");
+  Recorder plain, writes;
+  FileEvents events(options());
+  // The plain watcher arms the folder first, so the other one must have
+  // writes added to a watch that exists.
+  events.startWatching({root}, "plain", plain.queue(), std::nullopt, plain.handler());
+  events.waitUntilIdle();
+  FileWatchOptions wantsWrites;
+  wantsWrites.reportsWritesToOpenFiles = true;
+  events.startWatching({root + "/db"}, "writes", writes.queue(), std::nullopt, writes.handler(), wantsWrites);
+  events.waitUntilIdle();
+
+  const std::string log = root + "/db/library.sqlite-wal";
+  int fd = ::open(log.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_TRUE(writes.waitFor(eventAt(log, kFileEventCreated)));
+  writes.clear();
+  plain.clear();
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(::write(fd, "page", 4), 4);
+  ASSERT_TRUE(writes.waitFor(eventAt(log, kFileEventModified)));
+  events.waitUntilIdle();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  events.waitUntilIdle();
+  writes.queue()->sync([] {});
+  int modified = 0;
+  for (const auto& event : writes.events()) modified += event.path == log && event.has(kFileEventModified);
+  EXPECT_LE(modified, 3);  // 200 writes within a few holds
+  plain.queue()->sync([] {});
+  EXPECT_FALSE(anyEventAt(plain.events(), log));  // still open: nothing for the plain watcher
+  ::close(fd);
+  ASSERT_TRUE(plain.waitFor(eventAt(log, kFileEventModified)));
+}
+
 TEST_F(FileEventsTest, OverflowIsRepairedBySweepingTheKnownFolders) {
   // Folders changed within the last few clock ticks are always looked at
   // again, so these are made a minute old.
