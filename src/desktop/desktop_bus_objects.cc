@@ -121,6 +121,20 @@ int appendStringListEntry(sd_bus_message* reply, const char* key, const std::vec
   return r;
 }
 
+// A themed icon for GNOME Shell, both ways it reads one: "icon", what
+// g_icon_serialize() makes of a GThemedIcon, ('themed', <['name']>); and the
+// older "gicon", the icon's string form.
+int appendIconEntries(sd_bus_message* reply, const std::string& iconName) {
+  int r = sd_bus_message_open_container(reply, 'e', "sv");
+  if (r >= 0) r = sd_bus_message_append_basic(reply, 's', "icon");
+  if (r >= 0) r = sd_bus_message_open_container(reply, 'v', "(sv)");
+  if (r >= 0) r = sd_bus_message_append(reply, "(sv)", "themed", "as", 1, iconName.c_str());
+  if (r >= 0) r = sd_bus_message_close_container(reply);
+  if (r >= 0) r = sd_bus_message_close_container(reply);
+  if (r >= 0) r = appendStringEntry(reply, "gicon", iconName);
+  return r;
+}
+
 // Reports the call as answered with an empty return; the work goes on.
 void acknowledge(sd_bus_message* message) {
   if (sd_bus_message_get_expect_reply(message) > 0) sd_bus_reply_method_return(message, "");
@@ -210,7 +224,7 @@ int onGetResultMetas(sd_bus_message* message, void* userdata, sd_bus_error*) {
         if (r >= 0) r = appendStringEntry(reply, "id", result.identifier);
         if (r >= 0) r = appendStringEntry(reply, "name", result.name);
         if (r >= 0) r = appendStringEntry(reply, "description", result.description);
-        if (r >= 0 && !result.iconName.empty()) r = appendStringEntry(reply, "gicon", result.iconName);
+        if (r >= 0 && !result.iconName.empty()) r = appendIconEntries(reply, result.iconName);
         if (r >= 0) r = sd_bus_message_close_container(reply);
       }
       if (r >= 0) r = sd_bus_message_close_container(reply);

@@ -75,6 +75,18 @@ void readProperties(sd_bus_message* m, std::map<std::string, std::string>& strin
       sd_bus_message_enter_container(m, 'v', "as");
       lists[name] = readStrv(m);
       sd_bus_message_exit_container(m);
+    } else if (std::string(contents) == "(sv)") {
+      // A serialized GIcon: ('themed', <['name', ...]>), kept as "themed:name".
+      const char* kind = nullptr;
+      sd_bus_message_enter_container(m, 'v', "(sv)");
+      sd_bus_message_enter_container(m, 'r', "sv");
+      sd_bus_message_read(m, "s", &kind);
+      sd_bus_message_enter_container(m, 'v', "as");
+      auto names = readStrv(m);
+      sd_bus_message_exit_container(m);
+      sd_bus_message_exit_container(m);
+      sd_bus_message_exit_container(m);
+      strings[name] = std::string(kind) + ":" + (names.empty() ? "" : names[0]);
     } else {
       sd_bus_message_skip(m, "v");
     }
@@ -365,6 +377,46 @@ TEST_F(DesktopTest, KRunnerActionsAndConfigAndRun) {
   EXPECT_TRUE(service_->running());
 }
 
+// Klipper as Plasma runs it, reduced to the one call the runner makes:
+// setClipboardContents on /klipper, recorded.
+struct FakeKlipper {
+  static int onSet(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    const char* text = nullptr;
+    sd_bus_message_read(m, "s", &text);
+    static_cast<FakeKlipper*>(userdata)->contents.push_back(text ? text : "");
+    return sd_bus_reply_method_return(m, "");
+  }
+  static constexpr sd_bus_vtable kVtable[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD("setClipboardContents", "s", "", onSet, 0),
+      SD_BUS_VTABLE_END,
+  };
+  std::vector<std::string> contents;
+};
+
+TEST_F(DesktopTest, CopyPathPutsThePathOnKlippersClipboard) {
+  indexDocs();
+  auto klipperBus = bus_.connect();
+  ASSERT_TRUE(klipperBus);
+  FakeKlipper klipper;
+  sd_bus_slot* slot = nullptr;
+  ASSERT_GE(sd_bus_add_object_vtable(klipperBus->bus(), &slot, "/klipper", "org.kde.klipper.klipper",
+                                     FakeKlipper::kVtable, &klipper),
+            0);
+  ASSERT_GE(sd_bus_request_name(klipperBus->bus(), "org.kde.klipper", 0), 0);
+
+  auto matches = match("annual report");
+  ASSERT_FALSE(matches.empty());
+  sd_bus_message_unref(callHost(kRunnerPath, kRunner, "Run", "ss", matches[0].id.c_str(), "copyPath"));
+  for (int i = 0; i < 500 && klipper.contents.empty(); ++i) {
+    sd_bus_process(klipperBus->bus(), nullptr);
+    sd_bus_wait(klipperBus->bus(), 10'000);
+  }
+  EXPECT_EQ(klipper.contents, std::vector<std::string>{home_.path() + "/docs/annual report 2024.txt"});
+  EXPECT_TRUE(readFile(home_.path() + "/opened").empty()) << "copying opened something";
+  sd_bus_slot_unref(slot);
+}
+
 TEST_F(DesktopTest, ShellSearchNarrowsAndActivates) {
   indexDocs();
   auto initial = strvCall("GetInitialResultSet", {}, {"rep"});
@@ -381,6 +433,7 @@ TEST_F(DesktopTest, ShellSearchNarrowsAndActivates) {
   EXPECT_EQ(found[0]["name"], "annual report 2024.txt");
   EXPECT_EQ(found[0]["description"], home_.path() + "/docs");
   EXPECT_EQ(found[0]["gicon"], "text-plain");
+  EXPECT_EQ(found[0]["icon"], "themed:text-plain");
   // Unknown identifiers have no metas.
   EXPECT_EQ(metas({"zotero:NOSUCHKEY", "nonsense"}).size(), 0u);
 

@@ -43,4 +43,34 @@ if command -v systemd-analyze >/dev/null; then
   # verify reports some problems only as messages
   if grep -i "quorvifind.service" <<<"$out" | grep -qiv "graphical-session"; then fail "systemd-analyze verify: $out"; fi
 fi
+# quorvi doctor finds all of it through the XDG folders and a bus that can
+# start the service (one of its own, whose service folder is the prefix's);
+# with the folders empty, it says what is missing.
+if command -v dbus-daemon >/dev/null; then
+  cat > "$prefix/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:dir=$prefix</listen>
+  <servicedir>$share/dbus-1/services</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+CONF
+  read -r address pid < <(dbus-daemon --config-file="$prefix/bus.conf" --fork --print-address=1 --print-pid=1 | paste -sd' ')
+  trap 'kill "$pid" 2>/dev/null; rm -rf "$prefix"' EXIT
+  doctor=$(HOME="$prefix/home" XDG_CONFIG_HOME="$prefix/home/.config" XDG_DATA_HOME="$prefix/home/.local/share" \
+             XDG_DATA_DIRS="$share" "$prefix/bin/quorvi" --address "$address" doctor) || fail "doctor: $doctor"
+  grep -q "everything is in place" <<<"$doctor" || fail "doctor: $doctor"
+  grep -q "ok   activatable" <<<"$doctor" || fail "doctor: $doctor"
+  if missing=$(HOME="$prefix/home" XDG_DATA_HOME="$prefix/none" XDG_DATA_DIRS="$prefix/none" XDG_CONFIG_HOME="$prefix/none" \
+                 "$prefix/bin/quorvi" --address "$address" doctor); then
+    fail "doctor found an install where there is none: $missing"
+  fi
+  grep -q -- "--   KRunner runner" <<<"$missing" || fail "doctor: $missing"
+fi
 echo "install: all in place"
