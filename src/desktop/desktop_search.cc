@@ -101,12 +101,6 @@ DesktopResult appResult(const AppEntry& entry, const std::vector<std::string>& w
   return result;
 }
 
-// A text field of a JSON object; "" when absent or not text.
-std::string stringField(const Json& object, const char* key) {
-  auto it = object.find(key);
-  return it != object.end() && it->is_string() ? it->get<std::string>() : std::string();
-}
-
 // The words of all the terms; nothing when the terms pass the bounds.
 std::vector<std::string> boundedWords(const std::vector<std::string>& terms) {
   std::vector<std::string> words;
@@ -120,7 +114,72 @@ std::vector<std::string> boundedWords(const std::vector<std::string>& terms) {
   return words;
 }
 
+// Reads the groups JSON, [{"library", "entries": [{entry}, ...]}, ...],
+// keeping the few text fields of each entry (depth 4) and nothing else.
+class ZoteroItemReader : public nlohmann::json_sax<Json> {
+ public:
+  std::vector<DesktopSearch::ZoteroItem> items;
+
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool string(string_t& value) override {
+    if (depth_ != kEntryDepth) return true;
+    if (key_ == "title") item_.title = value;
+    else if (key_ == "key") item_.key = value;
+    else if (key_ == "library") item_.library = value;
+    else if (key_ == "itemType") item_.itemType = value;
+    else if (key_ == "searchKeyword") keywords_ = value;
+    return true;
+  }
+  bool key(string_t& name) override {
+    if (depth_ == kEntryDepth) key_ = name;
+    return true;
+  }
+  bool start_object(std::size_t) override {
+    if (++depth_ == kEntryDepth) {
+      item_ = {};
+      keywords_.clear();
+      key_.clear();
+    }
+    return true;
+  }
+  bool end_object() override {
+    if (depth_-- == kEntryDepth && !item_.key.empty() && !item_.title.empty()) {
+      item_.matchText = DesktopSearch::lowercased(item_.title + " " + keywords_);
+      items.push_back(std::move(item_));
+    }
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    ++depth_;
+    return true;
+  }
+  bool end_array() override {
+    --depth_;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  // The top array, a group, its entries, an entry.
+  static constexpr int kEntryDepth = 4;
+  int depth_ = 0;
+  std::string key_;
+  std::string keywords_;
+  DesktopSearch::ZoteroItem item_;
+};
+
 }  // namespace
+
+std::vector<DesktopSearch::ZoteroItem> DesktopSearch::zoteroItemsOf(std::string_view groupsJSON) {
+  ZoteroItemReader reader;
+  Json::sax_parse(groupsJSON.begin(), groupsJSON.end(), &reader, nlohmann::detail::input_format_t::json, false);
+  return std::move(reader.items);
+}
 
 DesktopSearch& DesktopSearch::shared() {
   static DesktopSearch* search = new DesktopSearch();  // never destroyed: workers may use it at exit
@@ -238,24 +297,7 @@ std::shared_ptr<const std::vector<DesktopSearch::ZoteroItem>> DesktopSearch::zot
   // Parsed without the lock (a large library takes a while, and the bus
   // thread's narrowing must not wait for it); two searches meeting a new
   // library may both parse it.
-  auto items = std::make_shared<std::vector<ZoteroItem>>();
-  Json groups = Json::parse(*source, nullptr, false);
-  if (groups.is_array()) {
-    for (const auto& group : groups) {
-      if (!group.is_object() || !group.contains("entries") || !group["entries"].is_array()) continue;
-      for (const auto& entry : group["entries"]) {
-        if (!entry.is_object()) continue;
-        ZoteroItem item;
-        item.title = stringField(entry, "title");
-        item.key = stringField(entry, "key");
-        item.library = stringField(entry, "library");
-        item.itemType = stringField(entry, "itemType");
-        if (item.key.empty() || item.title.empty()) continue;
-        item.matchText = lowercased(item.title + " " + stringField(entry, "searchKeyword"));
-        items->push_back(std::move(item));
-      }
-    }
-  }
+  auto items = std::make_shared<const std::vector<ZoteroItem>>(zoteroItemsOf(*source));
   std::lock_guard lock(mutex_);
   zoteroSource_ = source;
   zoteroItems_ = items;

@@ -81,6 +81,19 @@ class DesktopSearch {
   // Forgets the remembered results (the host's session ended).
   void forget();
 
+  // One item of the cached Zotero library, as desktop searches see it.
+  struct ZoteroItem {
+    std::string title;
+    std::string key;
+    std::string library;
+    std::string itemType;
+    std::string matchText;  // lower case: title and search keywords
+  };
+  // The items of the groups JSON #28 answers, read as a stream (the library
+  // may be tens of megabytes; no document of it is built). Items without a
+  // key or title are left out; damaged JSON gives the items before the damage.
+  static std::vector<ZoteroItem> zoteroItemsOf(std::string_view groupsJSON);
+
   // A typed line as words: split at white space, lower-cased.
   static std::vector<std::string> wordsOf(std::string_view text);
   static std::string lowercased(std::string_view text);
@@ -98,13 +111,6 @@ class DesktopSearch {
   void searchContacts(const std::vector<std::string>& words, std::vector<DesktopResult>& out);
   void remember(const std::vector<DesktopResult>& results);
 
-  struct ZoteroItem {
-    std::string title;
-    std::string key;
-    std::string library;
-    std::string itemType;
-    std::string matchText;
-  };
   // The Zotero items parsed from the cached groups, kept while the same
   // bytes are cached.
   std::shared_ptr<const std::vector<ZoteroItem>> zoteroItems();

@@ -40,5 +40,34 @@ TEST(DesktopSearchTest, ContainsAllWantsEveryWord) {
   EXPECT_TRUE(DesktopSearch::containsAll("anything", {}));
 }
 
+TEST(DesktopSearchTest, ZoteroItemsAreReadFromTheGroupsAnswer) {
+  // The shape #28 answers: groups of entries; nested objects and other
+  // fields are passed over; entries without a key or title are left out.
+  std::string groups = R"([
+    {"library": "ZOTERO_MY_LIBRARY", "entries": [
+      {"itemID": 1, "title": "On Computable Numbers", "library": "ZOTERO_MY_LIBRARY", "libraryID": 1,
+       "key": "ABCD1234", "itemType": "Journal Article", "collectionPath": "Logic",
+       "collectionOrderIndex": 0, "attachment": {"itemID": 2, "contentType": "application/pdf", "path": "storage:t.pdf"},
+       "searchKeyword": "Turing 1936"},
+      {"itemID": 3, "title": "", "key": "EMPTY000", "searchKeyword": "x"},
+      {"itemID": 4, "title": "No key"}
+    ]},
+    {"library": "Group", "entries": [{"title": "Église", "key": "K2", "library": "Group", "itemType": "Book"}]}
+  ])";
+  auto items = DesktopSearch::zoteroItemsOf(groups);
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(items[0].title, "On Computable Numbers");
+  EXPECT_EQ(items[0].key, "ABCD1234");
+  EXPECT_EQ(items[0].library, "ZOTERO_MY_LIBRARY");
+  EXPECT_EQ(items[0].itemType, "Journal Article");
+  EXPECT_EQ(items[0].matchText, "on computable numbers turing 1936");
+  EXPECT_EQ(items[1].matchText, "église ");
+  // Damaged or foreign JSON: what came before the damage, never a throw.
+  EXPECT_EQ(DesktopSearch::zoteroItemsOf(groups.substr(0, groups.find("{\"itemID\": 3"))).size(), 1u);
+  EXPECT_TRUE(DesktopSearch::zoteroItemsOf("{\"not\": \"groups\"}").empty());
+  EXPECT_TRUE(DesktopSearch::zoteroItemsOf("").empty());
+  EXPECT_TRUE(DesktopSearch::zoteroItemsOf(std::string(100000, '[')).empty());
+}
+
 }  // namespace
 }  // namespace quorvi
