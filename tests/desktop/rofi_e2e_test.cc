@@ -124,6 +124,8 @@ TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
   home.write("docs/budget.txt", "");
   home.write("docs/budget plan 2025.txt", "");
   home.write("docs/holiday photos.txt", "");
+  home.write(".system-share/applications/org.example.Ledger.desktop",
+             "[Desktop Entry]\nType=Application\nName=Ledger\nKeywords=budget;\nExec=" + h + "/recorder ledger\n");
   ServiceProcess service(bus, h, {{"XDG_DATA_DIRS", h + "/.system-share:/usr/share"}});
   ASSERT_TRUE(service.ok()) << service.output();
   auto client = bus.connect();
@@ -156,6 +158,14 @@ TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
     if (!mapped) std::this_thread::sleep_for(20ms);
   }
   ASSERT_TRUE(mapped) << readFile(h + "/rofi.log");
+  // rofi's first call of the script has the applications scanned.
+  bool appsReady = false;
+  for (int i = 0; i < 200 && !appsReady; ++i) {
+    auto ready = callMember(*client, "CheckAppIndexIsReadyWithCompletion", {});
+    appsReady = ready.ok && !ready.values.empty() && ready.values[0].flag;
+    if (!appsReady) std::this_thread::sleep_for(50ms);
+  }
+  ASSERT_TRUE(appsReady) << "quorvi rofi did not have the applications scanned";
 
   // The words, then Enter: the script asks the service and rofi lists the rows.
   ASSERT_EQ(run(x + "xdotool type --delay 40 'budget' && " + x + "xdotool key Return"), 0);
@@ -172,11 +182,13 @@ TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
     std::erase_if(text, [](char c) { return c == ' '; });
     if (text.find("budgetplan2025.txt") != std::string::npos) break;
   }
-  EXPECT_NE(text.find("2matchesfor"), std::string::npos) << text;
-  auto exact = text.find("budget.txt"), longer = text.find("budgetplan2025.txt");
+  EXPECT_NE(text.find("3matchesfor"), std::string::npos) << text;
+  auto exact = text.find("budget.txt"), longer = text.find("budgetplan2025.txt"), app = text.find("Ledger");
   ASSERT_NE(exact, std::string::npos) << text;
   ASSERT_NE(longer, std::string::npos) << text;
+  ASSERT_NE(app, std::string::npos) << "the application found by its keyword:\n" << text;
   EXPECT_LT(exact, longer) << "the equal name comes first:\n" << text;
+  EXPECT_LT(longer, app) << "a name starting with the word before a keyword match:\n" << text;
   EXPECT_EQ(text.find("holiday"), std::string::npos) << text;
 
   // Typing narrows the rows in rofi; Enter opens the one left.

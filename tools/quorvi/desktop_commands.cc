@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -258,6 +259,20 @@ int rofiCommand(const std::string& address, const std::vector<std::string>& word
   std::printf("%cprompt\x1fquorvi\n", '\0');
   std::string query;
   if (retv == "2" && !words.empty()) query = words[0];
+  if (retv == "0") {
+    // rofi stands in for the launcher here: have the applications scanned
+    // (in the background, about a second) while the user types, so that
+    // they are among the matches. A scan already done is not repeated.
+    const MemberInfo* ready = findMember("CheckAppIndexIsReadyWithCompletion");
+    const MemberInfo* start = findMember("StartIndexAppsWithSearchScopesCompletion");
+    auto answer = client->call(*ready, {}, std::chrono::seconds(2));
+    if (answer.ok && !answer.values.empty() && !answer.values[0].flag) {
+      CallArguments none;
+      std::string ignored;
+      argumentsFromWords(start->inSignature, {"[]"}, none, &ignored);
+      client->callNoReply(*start, none);
+    }
+  }
   if (query.empty()) {
     std::printf("%cmessage\x1fType words and press Enter to search\n", '\0');
     return 0;

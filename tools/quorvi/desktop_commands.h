@@ -5,7 +5,8 @@
 //   quorvi rofi     rofi's script mode (rofi -show quorvi -modi "quorvi:quorvi rofi"):
 //                   the words typed (Enter) are searched as KRunner searches
 //                   them; rofi narrows the rows as more is typed; the chosen
-//                   row is opened by the service, as KRunner's Run opens it
+//                   row is opened by the service, as KRunner's Run opens it;
+//                   rofi starting has the applications scanned
 #pragma once
 
 #include <string>
