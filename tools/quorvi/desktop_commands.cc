@@ -101,14 +101,13 @@ std::string unitState(sd_bus* bus) {
               "LoadUnit", &reply, "s", "quorvifind.service")) {
     const char* path = nullptr;
     if (sd_bus_message_read(reply, "o", &path) >= 0) {
-      char *load = nullptr, *active = nullptr;
-      sd_bus_get_property_string(bus, "org.freedesktop.systemd1", path, "org.freedesktop.systemd1.Unit",
-                                 "LoadState", nullptr, &load);
-      sd_bus_get_property_string(bus, "org.freedesktop.systemd1", path, "org.freedesktop.systemd1.Unit",
-                                 "ActiveState", nullptr, &active);
-      state = std::string(load ? load : "?") + ", " + (active ? active : "?");
-      free(load);
-      free(active);
+      for (const char* property : {"LoadState", "UnitFileState", "ActiveState"}) {
+        char* value = nullptr;
+        sd_bus_get_property_string(bus, "org.freedesktop.systemd1", path, "org.freedesktop.systemd1.Unit", property,
+                                   nullptr, &value);
+        state += std::string(state.empty() ? "" : ", ") + (value && *value ? value : "?");
+        free(value);
+      }
     }
   }
   sd_bus_message_unref(reply);
