@@ -2,11 +2,11 @@
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -70,6 +70,14 @@ struct Host {
     });
   }
 };
+
+// Openings take turns on a serial queue of their own: they are rare, each may
+// wait for a program to start, and GIO's launching is best not run twice at
+// once; a slow launch never holds a request worker.
+DispatchQueue& openings() {
+  static auto* queue = new std::shared_ptr<DispatchQueue>(DispatchQueue::makeSerial("com.quorvi.desktop.open"));
+  return **queue;
+}
 
 // Runs an opening task; a fault is logged, never fatal.
 template <typename Work>
@@ -240,7 +248,7 @@ int onActivateResult(sd_bus_message* message, void*, sd_bus_error*) {
   if (r < 0) return r;
   std::string id = identifier ? identifier : "";
   acknowledge(message);
-  DispatchQueue::global().async([id] {
+  openings().async([id] {
     guarded([&] {
       if (auto result = DesktopSearch::shared().result(id)) {
         DesktopOpener::open(*result);
@@ -254,7 +262,7 @@ int onActivateResult(sd_bus_message* message, void*, sd_bus_error*) {
 
 int onLaunchSearch(sd_bus_message* message, void*, sd_bus_error*) {
   acknowledge(message);
-  DispatchQueue::global().async([] { guarded([] { DesktopOpener::launchDesktopEntry(kDesktopEntryId); }); });
+  openings().async([] { guarded([] { DesktopOpener::launchDesktopEntry(kDesktopEntryId); }); });
   return 1;
 }
 
@@ -376,7 +384,7 @@ int onRun(sd_bus_message* message, void*, sd_bus_error*) {
   if (r < 0) return r;
   std::string id = matchId ? matchId : "", action = actionId ? actionId : "";
   acknowledge(message);
-  DispatchQueue::global().async([id, action] { guarded([&] { run(id, action); }); });
+  openings().async([id, action] { guarded([&] { run(id, action); }); });
   return 1;
 }
 

@@ -4,10 +4,12 @@
 //   /com/quorvi/quorvifind/krunner         org.kde.krunner1 (KRunner, Plasma 5)
 //   /com/quorvi/quorvifind/SearchProvider  org.gnome.Shell.SearchProvider2
 //
-// Both answer from DesktopSearch and open through DesktopOpener. Threads as
+// Both answer from DesktopSearch and open through DesktopOpener (openings
+// take turns on the serial queue "com.quorvi.desktop.open"). Threads as
 // for the protocol object: the handlers run on the bus thread and never wait
-// there; searches, metas and launches run on the request pool and their
-// replies are sent back on the bus thread. Only GNOME's subsearch of a
+// there; searches and metas run on the request pool and their replies are
+// sent back on the bus thread; Run, ActivateResult and LaunchSearch answer at
+// once and open afterwards. Only GNOME's subsearch of a
 // complete previous set answers on the spot (it reads memory only).
 #pragma once
 

@@ -1,27 +1,17 @@
 #include "desktop/desktop_icons.h"
 
-#include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <mutex>
 #include <unordered_map>
+
+#include "apps/desktop_entry.h"
+#include "platform/safe_file.h"
 
 namespace quorvi {
 
 namespace {
-
-// The first name of a themed icon, or the icon's string form.
-std::string nameOf(GIcon* icon) {
-  if (!icon) return "";
-  if (G_IS_THEMED_ICON(icon)) {
-    const gchar* const* names = g_themed_icon_get_names(G_THEMED_ICON(icon));
-    if (names && names[0]) return names[0];
-  }
-  gchar* text = g_icon_to_string(icon);
-  std::string name = text ? text : "";
-  g_free(text);
-  return name;
-}
 
 // Icons are looked up once per desktop file and per file extension: a search
 // shows dozens of rows, and the answers hardly ever change while the service
@@ -60,24 +50,38 @@ std::string extensionOf(const std::string& name) {
   return name.substr(dot);
 }
 
+// The entry's Icon key, read with GLib's key-file reader from bytes read
+// through safe_file (no GObject: this runs on request workers).
 std::string makeApplicationIcon(const std::string& desktopFile) {
-  GDesktopAppInfo* info = g_desktop_app_info_new_from_filename(desktopFile.c_str());
-  if (!info) return "application-x-executable";
-  std::string name = nameOf(g_app_info_get_icon(G_APP_INFO(info)));
-  g_object_unref(info);
-  return name.empty() ? "application-x-executable" : name;
+  std::string icon;
+  if (auto bytes = readRegularFile(desktopFile, kDesktopEntryByteCap)) {
+    GKeyFile* file = g_key_file_new();
+    if (g_key_file_load_from_data(file, bytes->data(), bytes->size(), G_KEY_FILE_NONE, nullptr)) {
+      gchar* value = g_key_file_get_string(file, G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_ICON, nullptr);
+      if (value) icon = value;
+      g_free(value);
+    }
+    g_key_file_free(file);
+  }
+  return icon.empty() ? "application-x-executable" : icon;
 }
 
+// The icon the naming specification gives a type: its MIME type with "/"
+// made "-" ("application-pdf"); shared-mime-info's generic icon when the type
+// is unknown. Strings only, no GObject.
 std::string makeFileIcon(const std::string& name) {
   gboolean uncertain = FALSE;
   gchar* type = g_content_type_guess(name.c_str(), nullptr, 0, &uncertain);
   std::string icon;
-  if (type) {
-    GIcon* gicon = g_content_type_get_icon(type);
-    icon = nameOf(gicon);
-    if (gicon) g_object_unref(gicon);
-    g_free(type);
+  if (type && !g_content_type_is_unknown(type)) {
+    gchar* mime = g_content_type_get_mime_type(type);
+    if (mime) {
+      icon = mime;
+      std::replace(icon.begin(), icon.end(), '/', '-');
+    }
+    g_free(mime);
   }
+  g_free(type);
   return icon.empty() ? "text-x-generic" : icon;
 }
 

@@ -17,9 +17,11 @@ namespace quorvi {
 
 namespace {
 
-// File hits examined per search before ranking: the index answers in its own
-// order (newest first), so the best name may not be the first hit.
-constexpr int64_t kFileCandidates = 200;
+// File hits examined per search before ranking, per result shown: the index
+// answers in its own order (newest first), so the best name may not be the
+// first hit; each hit costs a look at the disk (the index's stale check).
+constexpr std::size_t kFileCandidatesPerResult = 2;
+constexpr std::size_t kMinFileCandidates = 20, kMaxFileCandidates = 400;
 
 constexpr double kRankBonus[] = {0.08, 0.04, 0.0, 0.0, 0.0};  // by DesktopResultKind
 
@@ -242,7 +244,7 @@ std::vector<DesktopResult> DesktopSearch::search(const std::vector<std::string>&
   std::vector<DesktopResult> results;
   if (words.empty() || limit == 0) return results;
   searchApps(words, results);
-  searchFiles(words, results);
+  searchFiles(words, std::clamp(limit * kFileCandidatesPerResult, kMinFileCandidates, kMaxFileCandidates), results);
   searchZotero(words, results);
   searchContacts(words, results);
   std::stable_sort(results.begin(), results.end(), [](const DesktopResult& a, const DesktopResult& b) {
@@ -266,7 +268,8 @@ void DesktopSearch::searchApps(const std::vector<std::string>& words, std::vecto
   }
 }
 
-void DesktopSearch::searchFiles(const std::vector<std::string>& words, std::vector<DesktopResult>& out) {
+void DesktopSearch::searchFiles(const std::vector<std::string>& words, std::size_t candidates,
+                                std::vector<DesktopResult>& out) {
   FileIndexer& files = FileIndexer::shared();
   if (files.isEmpty()) return;
   // Each word is one group of the index's query; a "|" would make
@@ -277,7 +280,7 @@ void DesktopSearch::searchFiles(const std::vector<std::string>& words, std::vect
     std::replace(plain.begin(), plain.end(), '|', ' ');
     query += plain + " ";
   }
-  for (const File& file : files.searchFiles(query, kFileCandidates)) {
+  for (const File& file : files.searchFiles(query, int64_t(candidates))) {
     out.push_back(fileResult(file.fileRefURL.currentPath(), file.isDirectory, words, file.lastUsedTimestamp,
                              file.cmatchs.view()));
   }

@@ -9,7 +9,8 @@
 // contact search loaded them. It never starts a scan or a read of its own, so
 // a desktop query costs what a launcher query costs.
 //
-// Ranking: a name equal to the words comes first, then names starting with
+// Ranking: among the file index's first hits (twice as many as asked for),
+// a name equal to the words comes first, then names starting with
 // them, then names in which each word starts a word, then the rest (matches
 // in pinyin, keywords or elsewhere in the match text). Within a rank,
 // applications come before folders, folders before files, and more recently
@@ -106,7 +107,7 @@ class DesktopSearch {
 
  private:
   void searchApps(const std::vector<std::string>& words, std::vector<DesktopResult>& out);
-  void searchFiles(const std::vector<std::string>& words, std::vector<DesktopResult>& out);
+  void searchFiles(const std::vector<std::string>& words, std::size_t candidates, std::vector<DesktopResult>& out);
   void searchZotero(const std::vector<std::string>& words, std::vector<DesktopResult>& out);
   void searchContacts(const std::vector<std::string>& words, std::vector<DesktopResult>& out);
   void remember(const std::vector<DesktopResult>& results);

@@ -138,7 +138,7 @@ class DesktopTest : public ::testing::Test {
                 "x-scheme-handler/zotero=recorder.desktop\nx-scheme-handler/mailto=recorder.desktop\n");
     // An application of the app index, launched by its desktop entry.
     home_.write(".system-share/applications/org.example.Reporter.desktop",
-                "[Desktop Entry]\nType=Application\nName=Reporter\nKeywords=charts;\nExec=" + home +
+                "[Desktop Entry]\nType=Application\nName=Reporter\nKeywords=charts;\nIcon=office-chart-bar\nExec=" + home +
                     "/recorder launched-reporter\n");
     home_.write("docs/report.txt", "quarterly");
     home_.write("docs/reports/notes.txt", "");
@@ -478,6 +478,7 @@ TEST_F(DesktopTest, ApplicationsContactsAndZoteroItemsAreOffered) {
   EXPECT_EQ(apps[0].text, "Reporter");
   EXPECT_EQ(apps[0].type, 100);
   EXPECT_EQ(apps[0].strings.at("category"), "Applications");
+  EXPECT_EQ(apps[0].icon, "office-chart-bar");
   EXPECT_EQ(apps[0].lists.at("actions"), std::vector<std::string>{"open"});
   auto byKeyword = match("charts");
   ASSERT_FALSE(byKeyword.empty());
