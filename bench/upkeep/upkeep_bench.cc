@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "common/dispatch.h"
+#include "common/memory_release.h"
 #include "common/settings.h"
 #include "fileindex/file_indexer.h"
 #include "fsevents/file_events.h"
@@ -192,6 +193,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: upkeep_bench --tree DIR --scratch DIR [--samples N] [--moved N]\n");
     return 2;
   }
+  quorvi::limitAllocatorArenas();  // as the service does at start
   std::thread mainQueue([] { quorvi::DispatchQueue::runMain(); });
   fs::create_directories(options.scratch + "/state");
   quorvi::Settings settings(options.scratch + "/settings.json");

@@ -286,7 +286,7 @@ TEST_F(ServiceTest, ManyClientsAtOnceAreEachAnsweredOnce) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(answered, kClients * kCalls);
-  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(failed, 0) << "service output:\n" << service_->output();
 }
 
 TEST_F(ServiceTest, OddInputsNeverHurtTheService) {

@@ -84,7 +84,9 @@ TestBus::TestBus() {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
+  // Nothing else of ours reaches the daemon: a descriptor it inherited (a
+  // build lock held by the test runner, say) would live on with it.
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   std::string configArg = "--config-file=" + configPath;
   const char* argv[] = {"dbus-daemon", configArg.c_str(), "--print-address=1", "--print-pid=1", "--fork",
                         "--nopidfile", nullptr};
@@ -156,6 +158,7 @@ ServiceProcess::ServiceProcess(const TestBus& bus, const std::string& home,
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   std::string exe = serviceExecutable();
   const char* argv[] = {exe.c_str(), "--address", bus.address().c_str(), nullptr};
   int r = ::posix_spawn(&pid_, exe.c_str(), &actions, nullptr, const_cast<char**>(argv), envp.data());
