@@ -61,7 +61,9 @@ if command -v dbus-daemon >/dev/null; then
   </policy>
 </busconfig>
 CONF
-  read -r address pid < <(dbus-daemon --config-file="$prefix/bus.conf" --fork --print-address=1 --print-pid=1 | paste -sd' ')
+  # Started without the descriptors this script inherited (a build lock, say).
+  read -r address pid < <(python3 -c 'import os, sys; os.closerange(3, 1024); os.execvp(sys.argv[1], sys.argv[1:])' \
+    dbus-daemon --config-file="$prefix/bus.conf" --fork --print-address=1 --print-pid=1 | paste -sd' ')
   trap 'kill "$pid" 2>/dev/null; rm -rf "$prefix"' EXIT
   doctor=$(HOME="$prefix/home" XDG_CONFIG_HOME="$prefix/home/.config" XDG_DATA_HOME="$prefix/home/.local/share" \
              XDG_DATA_DIRS="$share" "$prefix/bin/quorvi" --address "$address" doctor) || fail "doctor: $doctor"

@@ -39,11 +39,17 @@ std::string readFile(const std::string& path) {
 // A child process ended (TERM, then KILL) when the object goes.
 class Child {
  public:
-  Child(std::vector<std::string> argv, std::vector<std::string> env, std::string log = "/dev/null") {
+  // passFd, when given, reaches the child as descriptor 3; no other
+  // descriptor of ours does (a build lock held by the test runner would live
+  // on in a leftover child).
+  Child(std::vector<std::string> argv, std::vector<std::string> env, std::string log = "/dev/null",
+        int passFd = -1) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    if (passFd >= 0) posix_spawn_file_actions_adddup2(&actions, passFd, 3);
+    posix_spawn_file_actions_addclosefrom_np(&actions, passFd >= 0 ? 4 : 3);
     std::vector<char*> args, envp;
     for (auto& a : argv) args.push_back(a.data());
     args.push_back(nullptr);
@@ -98,9 +104,8 @@ std::string startXvfb(std::unique_ptr<Child>& xvfb, const std::string& dir) {
   int fd = ::open(fdFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   if (fd < 0) return "";
   xvfb = std::make_unique<Child>(
-      std::vector<std::string>{"Xvfb", "-displayfd", std::to_string(fd), "-screen", "0", "1280x800x24", "-nolisten",
-                               "tcp"},
-      environmentWith({}));
+      std::vector<std::string>{"Xvfb", "-displayfd", "3", "-screen", "0", "1280x800x24", "-nolisten", "tcp"},
+      environmentWith({}), "/dev/null", fd);
   ::close(fd);
   for (int i = 0; i < 500; ++i) {
     std::string number = readFile(fdFile);
@@ -241,6 +246,7 @@ TEST(TerminalSearchTest, ArrowsChooseAndEnterOpens) {
   pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
   ASSERT_GE(pid, 0);
   if (pid == 0) {
+    ::closefrom(3);
     const char* argv[] = {quorvi.c_str(), "search", nullptr};
     ::execve(argv[0], const_cast<char**>(argv), envp.data());
     ::_exit(127);
