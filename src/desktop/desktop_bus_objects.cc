@@ -261,8 +261,11 @@ int onActivateResult(sd_bus_message* message, void*, sd_bus_error*) {
 }
 
 int onLaunchSearch(sd_bus_message* message, void*, sd_bus_error*) {
+  std::vector<std::string> terms;
+  int r = readStrings(message, terms, DesktopSearch::kMaxWords);
+  if (r < 0) return r;
   acknowledge(message);
-  openings().async([] { guarded([] { DesktopOpener::launchDesktopEntry(kDesktopEntryId); }); });
+  openings().async([terms] { guarded([&] { DesktopOpener::launchSearch(kDesktopEntryId, terms); }); });
   return 1;
 }
 

@@ -96,6 +96,38 @@ bool DesktopOpener::launchDesktopEntry(const std::string& fileOrId) {
   return launched;
 }
 
+bool DesktopOpener::launchSearch(const std::string& desktopEntryId, const std::vector<std::string>& terms) {
+  GDesktopAppInfo* entry = g_desktop_app_info_new(desktopEntryId.c_str());
+  if (!entry) {
+    logFailure("read the desktop entry", desktopEntryId, nullptr);
+    return false;
+  }
+  const char* base = g_app_info_get_commandline(G_APP_INFO(entry));
+  std::string commandLine = base ? base : "";
+  commandLine += " --interactive";
+  for (const auto& term : terms) {
+    gchar* quoted = g_shell_quote(term.c_str());
+    commandLine += std::string(" ") + quoted;
+    g_free(quoted);
+  }
+  GAppInfoCreateFlags flags = g_desktop_app_info_get_boolean(entry, G_KEY_FILE_DESKTOP_KEY_TERMINAL)
+                                  ? G_APP_INFO_CREATE_NEEDS_TERMINAL
+                                  : G_APP_INFO_CREATE_NONE;
+  g_object_unref(entry);
+  GError* error = nullptr;
+  // The command line is split into arguments by GLib's shell-quoting rules;
+  // no shell runs it.
+  GAppInfo* search = g_app_info_create_from_commandline(commandLine.c_str(), "quorvi search", flags, &error);
+  if (!search) {
+    logFailure("prepare", commandLine, error);
+    return false;
+  }
+  bool launched = g_app_info_launch(search, nullptr, nullptr, &error);
+  if (!launched) logFailure("launch", commandLine, error);
+  g_object_unref(search);
+  return launched;
+}
+
 bool DesktopOpener::open(const DesktopResult& result) {
   if (result.kind == DesktopResultKind::application) {
     std::string_view target = result.target;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "desktop/desktop_search.h"
 
@@ -25,6 +26,10 @@ class DesktopOpener {
   static bool openContainingFolder(const DesktopResult& result);
   // A desktop entry by its file or its desktop id ("org.example.App.desktop").
   static bool launchDesktopEntry(const std::string& fileOrId);
+  // Starts the entry's program with "--interactive" and the terms appended
+  // (each quoted, no shell), in a terminal when the entry asks for one: the
+  // interactive search of `quorvi`, from the words typed in GNOME Shell.
+  static bool launchSearch(const std::string& desktopEntryId, const std::vector<std::string>& terms);
   // Puts the text on the clipboard: Klipper's D-Bus call where KDE runs,
   // else wl-copy (Wayland) or xclip (X11) started without a shell.
   static bool copyToClipboard(const std::string& text);

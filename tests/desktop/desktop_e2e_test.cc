@@ -441,6 +441,21 @@ TEST_F(DesktopTest, ShellSearchNarrowsAndActivates) {
   auto lines = opened(1);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0], home_.path() + "/docs/annual report 2024.txt");
+
+  // "Search in the application": the entry GNOME's registration names is
+  // started with the terms, each one argument (quotes and blanks kept).
+  home_.write("argv", "#!/bin/sh\nprintf '[%s]' \"$@\" > \"$HOME/launched.tmp\"\nmv \"$HOME/launched.tmp\" \"$HOME/launched\"\n",
+              true);
+  home_.write(".local/share/applications/com.quorvi.quorvifind.desktop",
+              "[Desktop Entry]\nType=Application\nName=Quorvi Find\nExec=" + home_.path() +
+                  "/argv search\nTerminal=false\n");
+  sd_bus_message_unref(callHost(kShellPath, kShell, "LaunchSearch", "asu", 2, "it's", "a b", 0u));
+  std::string launched;
+  for (int i = 0; i < 500 && launched.empty(); ++i) {
+    std::this_thread::sleep_for(10ms);
+    launched = readFile(home_.path() + "/launched");
+  }
+  EXPECT_EQ(launched, "[search][--interactive][it's][a b]");
   EXPECT_TRUE(service_->running());
 }
 

@@ -50,6 +50,7 @@ void printHelp() {
       "       quorvi [OPTIONS] index [DIR...]\n"
       "       quorvi [OPTIONS] search [QUERY]         (apps first, then files; without QUERY\n"
       "                                               interactive: arrows choose, Enter opens)\n"
+      "       quorvi [OPTIONS] search --interactive [WORDS...]   (interactive, from the words)\n"
       "       quorvi [OPTIONS] ping\n"
       "       quorvi [OPTIONS] doctor                 (installed, registered, running?)\n"
       "       quorvi [OPTIONS] rofi [TEXT]            (rofi -show quorvi -modi \"quorvi:quorvi rofi\")\n"
@@ -366,7 +367,16 @@ bool openHit(BusClient& client, const Hit& hit, std::string* error) {
   return r >= 0;
 }
 
-int searchCommand(const Options& options, const std::vector<std::string>& words) {
+int searchCommand(const Options& options, std::vector<std::string> words) {
+  // "--interactive WORDS...": the interactive search, starting from the words
+  // (GNOME Shell's "search in the application" opens this).
+  bool interactive = !words.empty() && words.front() == "--interactive";
+  std::string query;
+  if (interactive) {
+    words.erase(words.begin());
+    for (const auto& w : words) query += (query.empty() ? "" : " ") + w;
+    words.clear();
+  }
   auto client = connectOrDie(options);
   auto apps = loadApps(*client, options);
   double ms = 0;
@@ -389,8 +399,8 @@ int searchCommand(const Options& options, const std::vector<std::string>& words)
   raw.c_lflag &= ~(ICANON | ECHO);
   raw.c_iflag &= ~ICRNL;  // Enter arrives as '\r' or '\n' alike
   ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-  std::string query, status;
-  std::vector<Hit> hits;
+  std::string status;
+  std::vector<Hit> hits = query.empty() ? std::vector<Hit>() : searchOnce(*client, options, apps, query, &ms);
   std::size_t selected = 0;
   for (;;) {
     std::printf("\033[H\033[Jsearch (arrows choose, Enter opens, Esc quits): %s\n\n", query.c_str());
