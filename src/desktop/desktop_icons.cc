@@ -66,7 +66,7 @@ std::string makeApplicationIcon(const std::string& desktopFile) {
   return icon.empty() ? "application-x-executable" : icon;
 }
 
-// The icon the naming specification gives a type: its MIME type with "/"
+// The icon name icon themes give a type: its MIME type with "/"
 // made "-" ("application-pdf"); shared-mime-info's generic icon when the type
 // is unknown. Strings only, no GObject.
 std::string makeFileIcon(const std::string& name) {
