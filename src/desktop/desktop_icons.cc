@@ -67,7 +67,7 @@ std::string makeApplicationIcon(const std::string& desktopFile) {
 }
 
 // The icon name icon themes give a type: its MIME type with "/"
-// made "-" ("application-pdf"); shared-mime-info's generic icon when the type
+// made "-" ("application-pdf"); "text-x-generic" when the type
 // is unknown. Strings only, no GObject.
 std::string makeFileIcon(const std::string& name) {
   gboolean uncertain = FALSE;
