@@ -282,6 +282,9 @@ bool BusServer::start(std::string* error) {
   r = sd_bus_add_object_vtable(impl_->bus, &impl_->signalSlot, kObjectPath, kSignalInterfaceName, kSignalVtable,
                                impl_.get());
   if (r < 0) return fail("cannot export the signals", r);
+  for (auto& exporter : impl_->options.alsoExport) {
+    if (!exporter(impl_->bus, *this, error)) return false;
+  }
   r = sd_bus_request_name(impl_->bus, kBusName, 0);
   if (r < 0) return fail(std::string("cannot own ") + kBusName, r);
 

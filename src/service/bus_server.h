@@ -11,6 +11,9 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
+
+struct sd_bus;
 
 namespace quorvi {
 
@@ -20,6 +23,12 @@ class BusServer {
     // A D-Bus address; empty means the session bus ($DBUS_STARTER_ADDRESS,
     // then $DBUS_SESSION_BUS_ADDRESS, then the user bus).
     std::string address;
+    // Other objects served on the same connection (desktop search hosts):
+    // each is called on the bus thread once the service's own object is
+    // exported and before the name is taken, so that an activating call to
+    // any of them finds it there. False with a reason fails the start.
+    using ObjectExporter = std::function<bool(sd_bus* bus, BusServer& server, std::string* error)>;
+    std::vector<ObjectExporter> alsoExport;
   };
 
   explicit BusServer(Options options);

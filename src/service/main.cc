@@ -16,6 +16,7 @@
 #include "common/dispatch.h"
 #include "common/memory_release.h"
 #include "contentindex/content_indexer.h"
+#include "desktop/desktop_bus_objects.h"
 #include "service/bus_server.h"
 #include "service/members.h"
 
@@ -85,6 +86,11 @@ int main(int argc, char** argv) {
 
   // The content index builds in the background once the file index has scopes.
   quorvi::ContentIndexer::followFileIndex();
+  // KRunner and GNOME Shell ask on the same connection, at their own paths.
+  options.alsoExport.push_back([](sd_bus* bus, quorvi::BusServer& server, std::string* error) {
+    return quorvi::exportDesktopObjects(
+        bus, [&server](std::function<void()> work) { server.perform(std::move(work)); }, error);
+  });
   quorvi::BusServer server(options);
   gServer = &server;
   std::promise<std::string> started;

@@ -183,6 +183,11 @@ bool ZoteroIndexer::hasCachedResult() const {
   return indexResult_ != nullptr;
 }
 
+std::shared_ptr<const Bytes> ZoteroIndexer::cachedGroupsJSON() const {
+  std::lock_guard<std::mutex> state(stateMutex_);
+  return indexResult_ ? indexResult_->groupsJSON : nullptr;
+}
+
 void ZoteroIndexer::cancelExpiry() {
   std::lock_guard<std::mutex> state(stateMutex_);
   if (dispatchWorkItem_) dispatchWorkItem_->cancel();

@@ -56,6 +56,9 @@ class ZoteroIndexer : public std::enable_shared_from_this<ZoteroIndexer> {
   // The item's attributes as JSON while an index is in memory; nullopt otherwise.
   OptionalBytes preview(int64_t itemID) const;
   bool hasCachedResult() const;
+  // The groups' JSON of the index in memory (what #28 answered); null when
+  // none is (desktop search reads it, never causing a database read).
+  std::shared_ptr<const Bytes> cachedGroupsJSON() const;
 
   const StringTable& localizedCategories() const { return localizedCategories_; }
   const StringTable& localizedFields() const { return localizedFields_; }

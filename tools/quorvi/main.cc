@@ -5,7 +5,11 @@
 //   quorvi [OPTIONS] index [DIR...]       index folders, showing progress
 //   quorvi [OPTIONS] search [QUERY]       search the apps, then the files (interactive without QUERY)
 //   quorvi [OPTIONS] ping                 is the service there?
+//   quorvi [OPTIONS] doctor               what is installed, registered and running
+//   quorvi [OPTIONS] rofi [TEXT]          rofi's script mode (see desktop_commands.h)
 //   quorvi --help                         every operation with its arguments
+#include <poll.h>
+#include <systemd/sd-bus.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -14,6 +18,7 @@
 #include <cstdlib>
 #include <algorithm>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +30,7 @@
 #include "common/json.h"
 #include "fuse/fuse.h"
 #include "service/bus_client.h"
+#include "tools/quorvi/desktop_commands.h"
 #include "tools/quorvi/reply_printer.h"
 
 namespace quorvi {
@@ -42,8 +48,12 @@ void printHelp() {
       "usage: quorvi [OPTIONS] MEMBER [ARGS...]\n"
       "       quorvi [OPTIONS] wait fileIndexStateDidChange|appIndexerStateDidChange\n"
       "       quorvi [OPTIONS] index [DIR...]\n"
-      "       quorvi [OPTIONS] search [QUERY]         (apps first, then files)\n"
+      "       quorvi [OPTIONS] search [QUERY]         (apps first, then files; without QUERY\n"
+      "                                               interactive: arrows choose, Enter opens)\n"
+      "       quorvi [OPTIONS] search --interactive [WORDS...]   (interactive, from the words)\n"
       "       quorvi [OPTIONS] ping\n"
+      "       quorvi [OPTIONS] doctor                 (installed, registered, running?)\n"
+      "       quorvi [OPTIONS] rofi [TEXT]            (rofi -show quorvi -modi \"quorvi:quorvi rofi\")\n"
       "\n"
       "Calls quorvifind (%s on the session bus). MEMBER is a member name or a\n"
       "selector. Arguments by type: s text; x integer; b true/false; as a JSON\n"
@@ -235,50 +245,76 @@ std::vector<FuseableRef> loadApps(BusClient& client, const Options& options) {
   return apps;
 }
 
+// One line of `search`: what is shown, and the service's identifier of what
+// Enter opens (the desktop objects' "app:" and "file:" identifiers).
+struct Hit {
+  std::string line;
+  std::string identifier;
+};
+
 // Apps that match, best first, as "name  (path)" lines: the approximate
 // matcher over each entry's match strings.
-std::vector<std::string> matchingApps(const std::vector<FuseableRef>& apps, const std::string& query, size_t limit) {
+std::vector<Hit> matchingApps(const std::vector<FuseableRef>& apps, const std::string& query, size_t limit) {
   Fuse fuse(/*location=*/0, /*distance=*/100, /*threshold=*/0.3, /*maxPatternLength=*/32,
             /*isCaseSensitive=*/false, /*tokenize=*/true);
   auto results = fuse.search(query, apps);
   std::stable_sort(results.begin(), results.end(),
                    [](const FuseItemResult& a, const FuseItemResult& b) { return a.score < b.score; });
-  std::vector<std::string> lines;
+  std::vector<Hit> hits;
   for (const auto& result : results) {
-    if (lines.size() == limit) break;
+    if (hits.size() == limit) break;
     const auto& entry = static_cast<const AppEntry&>(*apps[size_t(result.index)]);
     const char* kind = entry.category == AppCategory::application ? "app"
                        : entry.category == AppCategory::venturaSettingsExtension ? "settings"
                                                                                  : "device";
-    lines.push_back("[" + std::string(kind) + "] " + entry.nameOfDisplay + "  (" + entry.path + ")");
+    hits.push_back({"[" + std::string(kind) + "] " + entry.nameOfDisplay + "  (" + entry.path + ")", "app:" + entry.path});
   }
-  return lines;
+  return hits;
 }
 
 // Hits of one query: matching apps first, then files as "path" lines
 // (folders end in "/"), and the time taken.
-std::vector<std::string> searchOnce(BusClient& client, const Options& options, const std::vector<FuseableRef>& apps,
-                                    const std::string& query, double* milliseconds) {
+std::vector<Hit> searchOnce(BusClient& client, const Options& options, const std::vector<FuseableRef>& apps,
+                            const std::string& query, double* milliseconds) {
   auto started = std::chrono::steady_clock::now();
   std::string lower = lowercase(query);
-  std::vector<std::string> lines = matchingApps(apps, lower, 5);
+  std::vector<Hit> hits = matchingApps(apps, lower, 5);
   auto result = callOrDie(client, options, "SearchFilesWithQueryMaxcountCompletion",
                           {lower, std::to_string(options.limit)});
   *milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
-  if (result.values.empty() || !result.values[0].value) return lines;
-  Json hits = Json::parse(*result.values[0].value, nullptr, false);
-  if (!hits.is_array()) return lines;
-  for (const auto& hit : hits) {
+  if (result.values.empty() || !result.values[0].value) return hits;
+  Json found = Json::parse(*result.values[0].value, nullptr, false);
+  if (!found.is_array()) return hits;
+  for (const auto& hit : found) {
     std::string path = hit.value("path", "");
-    if (hit.value("isFolder", false)) path += "/";
-    lines.push_back(path);
+    hits.push_back({path + (hit.value("isFolder", false) ? "/" : ""), "file:" + path});
   }
-  return lines;
+  return hits;
 }
 
-void printHits(const std::vector<std::string>& hits, double ms) {
-  for (const auto& hit : hits) std::printf("  %s\n", hit.c_str());
+void printHits(const std::vector<Hit>& hits, double ms) {
+  for (const auto& hit : hits) std::printf("  %s\n", hit.line.c_str());
   std::printf("(%zu hits, %.1f ms)\n", hits.size(), ms);
+}
+
+// The line with each occurrence of the query's words in bold (ASCII case
+// ignored; other text must match as typed).
+std::string highlighted(const std::string& line, const std::string& query) {
+  std::string lowerLine = line;
+  for (char& c : lowerLine) c = char(std::tolower(static_cast<unsigned char>(c)));
+  std::vector<bool> bold(line.size(), false);
+  std::istringstream words(lowercase(query));
+  for (std::string word; words >> word;) {
+    for (auto at = lowerLine.find(word); at != std::string::npos; at = lowerLine.find(word, at + 1))
+      std::fill(bold.begin() + long(at), bold.begin() + long(at + word.size()), true);
+  }
+  std::string out;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    if (bold[i] && (i == 0 || !bold[i - 1])) out += "\033[1m";
+    out += line[i];
+    if (bold[i] && (i + 1 == line.size() || !bold[i + 1])) out += "\033[22m";
+  }
+  return out;
 }
 
 // Drops the last UTF-8 character of text.
@@ -290,7 +326,57 @@ void eraseLastCharacter(std::string& text) {
   }
 }
 
-int searchCommand(const Options& options, const std::vector<std::string>& words) {
+// A byte of input within the time, or -1.
+int readByte(int timeoutMs) {
+  pollfd fd{STDIN_FILENO, POLLIN, 0};
+  if (timeoutMs >= 0 && ::poll(&fd, 1, timeoutMs) <= 0) return -1;
+  unsigned char c;
+  return ::read(STDIN_FILENO, &c, 1) == 1 ? c : -1;
+}
+
+enum class Key { character, up, down, enter, erase, clearLine, quit, none };
+
+// One key press: arrow keys arrive as "ESC [ A"; a lone ESC quits.
+Key readKey(char* character) {
+  int c = readByte(-1);
+  if (c < 0 || c == 4) return Key::quit;
+  if (c == 27) {
+    int next = readByte(50);
+    if (next < 0) return Key::quit;
+    int final = next == '[' || next == 'O' ? readByte(50) : -1;
+    return final == 'A' ? Key::up : final == 'B' ? Key::down : Key::none;
+  }
+  if (c == '\r' || c == '\n') return Key::enter;
+  if (c == 127 || c == 8) return Key::erase;
+  if (c == 21) return Key::clearLine;  // Ctrl-U
+  if (c == 16) return Key::up;         // Ctrl-P
+  if (c == 14) return Key::down;       // Ctrl-N
+  if (c < 32) return Key::none;
+  *character = char(c);
+  return Key::character;
+}
+
+// Asks the service to open the hit as the desktop would (its KRunner object's
+// Run); false with a reason when it cannot be asked.
+bool openHit(BusClient& client, const Hit& hit, std::string* error) {
+  sd_bus_error busError = SD_BUS_ERROR_NULL;
+  int r = sd_bus_call_method(client.bus(), kBusName, "/com/quorvi/quorvifind/krunner", "org.kde.krunner1", "Run",
+                             &busError, nullptr, "ss", hit.identifier.c_str(), "");
+  if (r < 0 && error) *error = busError.message ? busError.message : "no answer";
+  sd_bus_error_free(&busError);
+  return r >= 0;
+}
+
+int searchCommand(const Options& options, std::vector<std::string> words) {
+  // "--interactive WORDS...": the interactive search, starting from the words
+  // (GNOME Shell's "search in the application" opens this).
+  bool interactive = !words.empty() && words.front() == "--interactive";
+  std::string query;
+  if (interactive) {
+    words.erase(words.begin());
+    for (const auto& w : words) query += (query.empty() ? "" : " ") + w;
+    words.clear();
+  }
   auto client = connectOrDie(options);
   auto apps = loadApps(*client, options);
   double ms = 0;
@@ -311,24 +397,54 @@ int searchCommand(const Options& options, const std::vector<std::string>& words)
   ::tcgetattr(STDIN_FILENO, &saved);
   termios raw = saved;
   raw.c_lflag &= ~(ICANON | ECHO);
+  raw.c_iflag &= ~ICRNL;  // Enter arrives as '\r' or '\n' alike
   ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-  std::string query;
-  std::vector<std::string> hits;
+  std::string status;
+  std::vector<Hit> hits = query.empty() ? std::vector<Hit>() : searchOnce(*client, options, apps, query, &ms);
+  std::size_t selected = 0;
   for (;;) {
-    std::printf("\033[H\033[Jsearch (Esc or Ctrl-D to quit): %s\n\n", query.c_str());
-    if (!query.empty()) printHits(hits, ms);
-    std::printf("\033[1;%zuH", 32 + query.size());  // approximate: keeps the cursor near the query
-    std::fflush(stdout);
-    char c;
-    if (::read(STDIN_FILENO, &c, 1) != 1 || c == 27 || c == 4) break;
-    if (c == 127 || c == 8) {
-      eraseLastCharacter(query);
-    } else if (c == 21) {  // Ctrl-U
-      query.clear();
-    } else if (static_cast<unsigned char>(c) >= 32) {
-      query += c;
+    std::printf("\033[H\033[Jsearch (arrows choose, Enter opens, Esc quits): %s\n\n", query.c_str());
+    if (!query.empty()) {
+      for (std::size_t i = 0; i < hits.size(); ++i) {
+        std::string line = highlighted(hits[i].line, query);
+        if (i == selected) {
+          std::printf("\033[7m> %s\033[27m\n", line.c_str());
+        } else {
+          std::printf("  %s\n", line.c_str());
+        }
+      }
+      std::printf("(%zu hits, %.1f ms)\n", hits.size(), ms);
     }
-    hits = query.empty() ? std::vector<std::string>() : searchOnce(*client, options, apps, query, &ms);
+    if (!status.empty()) std::printf("%s\n", status.c_str());
+    std::printf("\033[1;%zuH", 48 + query.size());  // approximate: keeps the cursor near the query
+    std::fflush(stdout);
+    char c = 0;
+    Key key = readKey(&c);
+    status.clear();
+    if (key == Key::quit) break;
+    if (key == Key::up || key == Key::down) {
+      if (!hits.empty()) selected = (selected + (key == Key::up ? hits.size() - 1 : 1)) % hits.size();
+      continue;
+    }
+    if (key == Key::enter) {
+      if (selected < hits.size()) {
+        std::string error;
+        status = openHit(*client, hits[selected], &error) ? "opened " + hits[selected].line
+                                                          : "cannot open: " + error;
+      }
+      continue;
+    }
+    if (key == Key::erase) {
+      eraseLastCharacter(query);
+    } else if (key == Key::clearLine) {
+      query.clear();
+    } else if (key == Key::character) {
+      query += c;
+    } else {
+      continue;
+    }
+    selected = 0;
+    hits = query.empty() ? std::vector<Hit>() : searchOnce(*client, options, apps, query, &ms);
   }
   ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
   std::printf("\n");
@@ -380,6 +496,8 @@ int main(int argc, char** argv) {
   if (command == "wait" && words.size() == 1) return waitCommand(options, words[0]);
   if (command == "index") return indexCommand(options, words);
   if (command == "search") return searchCommand(options, words);
+  if (command == "doctor") return doctorCommand(options.address);
+  if (command == "rofi") return rofiCommand(options.address, words);
   if (command == "call" && !words.empty()) {
     command = words.front();
     words.erase(words.begin());
