@@ -10,6 +10,8 @@
 #include <memory>
 #include <vector>
 
+#include "apps/desktop_catalog.h"
+
 namespace quorvi {
 
 namespace {
@@ -97,7 +99,14 @@ bool DesktopOpener::launchDesktopEntry(const std::string& fileOrId) {
 }
 
 bool DesktopOpener::launchSearch(const std::string& desktopEntryId, const std::vector<std::string>& terms) {
-  GDesktopAppInfo* entry = g_desktop_app_info_new(desktopEntryId.c_str());
+  // GIO's own index of desktop entries follows the folders only where a GLib
+  // main loop runs, and the service runs none: an entry installed after GIO
+  // first looked would stay unknown to it. The shared catalog reads the
+  // folders again (this runs on the opener's queue, not the bus thread).
+  auto catalog = DesktopCatalog::shared().refresh();
+  const DesktopEntry* known = catalog ? catalog->entryWithId(desktopEntryId) : nullptr;
+  GDesktopAppInfo* entry = known ? g_desktop_app_info_new_from_filename(known->filePath.c_str())
+                                 : g_desktop_app_info_new(desktopEntryId.c_str());
   if (!entry) {
     logFailure("read the desktop entry", desktopEntryId, nullptr);
     return false;
