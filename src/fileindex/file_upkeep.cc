@@ -167,6 +167,8 @@ IndexEditor::Change FileUpkeep::prepare(const ScopeRules& rules, const FileSegme
       continue;
     }
     compared[id] = folder;
+    // Entries that came or went changed the folder's own time.
+    if (!isScope(folder)) pending.items.insert(folder);
   }
   if (!compared.empty()) {
     std::unordered_map<uint32_t, std::unordered_map<std::string, Recorded>> recorded;
