@@ -167,8 +167,10 @@ IndexEditor::Change FileUpkeep::prepare(const ScopeRules& rules, const FileSegme
       continue;
     }
     compared[id] = folder;
-    // Entries that came or went changed the folder's own time.
-    if (!isScope(folder)) pending.items.insert(folder);
+    // Entries that came or went changed the folder's own time. (A trash
+    // folder keeps the record the run gave it: items are judged as a
+    // search judges hits, and that would drop it.)
+    if (!isScope(folder) && !isTrashPath(folder, rules.homeDirectory())) pending.items.insert(folder);
   }
   if (!compared.empty()) {
     std::unordered_map<uint32_t, std::unordered_map<std::string, Recorded>> recorded;
