@@ -31,55 +31,16 @@ void removeCopy(const std::string& copyPath) {
   for (const char* suffix : {"", "-journal", "-wal", "-shm"}) removeQuietly(copyPath + suffix);
 }
 
-// Copies a file found on disk (opened without blocking, regular files only,
-// at most maxBytes) to `to`, created with mode 0600. Answers the failure
-// text, nullopt on success; `missing` tells a file that is not there.
+// Copies a file found on disk (through safe_file: no blocking, regular
+// files only, at most maxBytes) to `to`, mode 0600. Answers the failure text,
+// nullopt on success; `missing` tells a file that is not there.
 std::optional<std::string> copyFoundFile(const std::string& from, const std::string& to, std::size_t maxBytes,
                                          bool* missing = nullptr) {
-  SafeFileFailure failure;
-  int in = openRegularFile(from, &failure);
+  SafeFileFailure failure = SafeFileFailure::none;
+  const bool copied = copyRegularFile(from, to, maxBytes, &failure);
   if (missing) *missing = failure == SafeFileFailure::missing;
-  if (in < 0) return "cannot open " + from;
-  struct stat info;
-  if (::fstat(in, &info) != 0 || static_cast<unsigned long long>(info.st_size) > maxBytes) {
-    ::close(in);
-    return from + " is too large";
-  }
-  int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (out < 0) {
-    ::close(in);
-    return "cannot create " + to;
-  }
-  std::optional<std::string> result;
-  std::size_t copied = 0;
-  char buffer[1 << 16];
-  for (;;) {
-    ssize_t n = ::read(in, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      result = "cannot read " + from;
-      break;
-    }
-    if (n == 0) break;
-    copied += static_cast<std::size_t>(n);
-    if (copied > maxBytes) {  // grew while being copied
-      result = from + " is too large";
-      break;
-    }
-    for (ssize_t written = 0; written < n;) {
-      ssize_t w = ::write(out, buffer + written, static_cast<std::size_t>(n - written));
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) {
-        result = "cannot write " + to;
-        break;
-      }
-      written += w;
-    }
-    if (result) break;
-  }
-  ::close(in);
-  if (::close(out) != 0 && !result) result = "cannot write " + to;
-  return result;
+  if (copied) return std::nullopt;
+  return from + ": " + describe(failure);
 }
 
 struct Statement {
