@@ -28,13 +28,6 @@ constexpr const char* kRunner = "org.kde.krunner1";
 constexpr const char* kShellPath = "/com/quorvi/quorvifind/SearchProvider";
 constexpr const char* kShell = "org.gnome.Shell.SearchProvider2";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 struct Match {
   std::string id, text, icon;
   int32_t type = 0;

@@ -29,11 +29,13 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+// A stand-in default application for text files: it appends what it was
+// asked to open to $HOME/opened.
+void registerRecorderAsDefaultApplication(const TemporaryDirectory& home) {
+  home.write("recorder", "#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"$HOME/opened\"\n", true);
+  home.write(".local/share/applications/recorder.desktop", "[Desktop Entry]\nType=Application\nName=Recorder\nExec=" +
+                                                               home.path() + "/recorder %u\nMimeType=text/plain;\n");
+  home.write(".config/mimeapps.list", "[Default Applications]\ntext/plain=recorder.desktop\n");
 }
 
 // A child process ended (TERM, then KILL) when the object goes.
@@ -122,10 +124,7 @@ TEST(RofiTest, TypedWordsShowTheServicesMatchesAndTheChosenOneOpens) {
   ASSERT_TRUE(bus.ok());
   TemporaryDirectory home;
   const std::string& h = home.path();
-  home.write("recorder", "#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"$HOME/opened\"\n", true);
-  home.write(".local/share/applications/recorder.desktop",
-             "[Desktop Entry]\nType=Application\nName=Recorder\nExec=" + h + "/recorder %u\nMimeType=text/plain;\n");
-  home.write(".config/mimeapps.list", "[Default Applications]\ntext/plain=recorder.desktop\n");
+  registerRecorderAsDefaultApplication(home);
   home.write("docs/budget.txt", "");
   home.write("docs/budget plan 2025.txt", "");
   home.write("docs/holiday photos.txt", "");
@@ -220,10 +219,7 @@ TEST(TerminalSearchTest, ArrowsChooseAndEnterOpens) {
   ASSERT_TRUE(bus.ok());
   TemporaryDirectory home;
   const std::string& h = home.path();
-  home.write("recorder", "#!/bin/sh\nprintf '%s\\n' \"$*\" >> \"$HOME/opened\"\n", true);
-  home.write(".local/share/applications/recorder.desktop",
-             "[Desktop Entry]\nType=Application\nName=Recorder\nExec=" + h + "/recorder %u\nMimeType=text/plain;\n");
-  home.write(".config/mimeapps.list", "[Default Applications]\ntext/plain=recorder.desktop\n");
+  registerRecorderAsDefaultApplication(home);
   home.write("docs/minutes one.txt", "");
   home.write("docs/minutes two.txt", "");
   ServiceProcess service(bus, h);

@@ -52,14 +52,14 @@ std::string TemporaryDirectory::write(const std::string& relative, const std::st
   return file.string();
 }
 
-namespace {
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
 }
+
+namespace {
 
 bool isGone(pid_t pid) {
   // A killed child may linger as a zombie for a while; that counts as gone.

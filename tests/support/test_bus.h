@@ -16,6 +16,9 @@
 namespace quorvi::testing {
 
 // A scratch folder removed (with its contents) on destruction.
+// The whole file, or "" when it cannot be read.
+std::string readFile(const std::string& path);
+
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
